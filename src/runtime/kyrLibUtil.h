@@ -1,0 +1,40 @@
+// Counted allocation: every block from these functions moves one process-wide counter, which
+// tests and operators read as a leak indicator. The file/line arguments are filled in by
+// default from the call site and are accepted for debugging builds, not used.
+#pragma once
+
+#include <cstddef>
+#include <new>
+#include <utility>
+
+namespace kyr {
+
+// Zero-filled block; adds 1 to the counter. No null check before the fill (callers of the
+// runtime treat allocation failure as fatal everywhere except where they test for null).
+void* kyrMalloc(size_t size, const char* file = __builtin_FILE(), int line = __builtin_LINE());
+void kyrFree(void* p, const char* file = __builtin_FILE(), int line = __builtin_LINE());
+char* kyrStrdup(const char* expr, const char* file = __builtin_FILE(),
+                int line = __builtin_LINE());
+// Copy of the first n characters; always terminated.
+char* kyrStrndup(const char* expr, size_t n, const char* file = __builtin_FILE(),
+                 int line = __builtin_LINE());
+
+int kyrGetMemCount();
+void kyrResetMemCount();
+
+// Counted construction of C++ objects: placement-new into kyrMalloc'd memory, so objects with
+// constructors are tracked by the same counter as plain blocks.
+template <class T, class... Args>
+T* kyrNew(Args&&... args) {
+  void* mem = kyrMalloc(sizeof(T));
+  return mem ? new (mem) T(std::forward<Args>(args)...) : nullptr;
+}
+
+template <class T>
+void kyrDelete(T* obj) {
+  if (obj == nullptr) return;
+  obj->~T();
+  kyrFree(obj);
+}
+
+}  // namespace kyr
