@@ -23,8 +23,10 @@ struct KyrHashMap {
   KyrHashDestructorFcn destructor;
 };
 
+// Reads the map only, so it works on a const map; entries may still be removed through the
+// owner's pointer while iterating, the current one included.
 struct KyrHashIterator {
-  KyrHashMap* hm;
+  const KyrHashMap* hm;
   KyrHashEle* current;
   KyrHashEle* next;
   int index;  // next bucket to visit
@@ -46,8 +48,8 @@ void kyrHashMapClean2(KyrHashMap* hm, const char* prefix, KyrHashDestructorFcn d
 void kyrHashMapDestroy(KyrHashMap* hm);
 void kyrHashMapDump(const KyrHashMap* hm, const char* where);
 
-KyrHashIterator* kyrHashIteratorCreate(KyrHashMap* hm);
-KyrHashIterator* kyrHashIteratorStart(KyrHashMap* hm, KyrHashIterator* hi);
+KyrHashIterator* kyrHashIteratorCreate(const KyrHashMap* hm);
+KyrHashIterator* kyrHashIteratorStart(const KyrHashMap* hm, KyrHashIterator* hi);
 KyrHashIterator* kyrHashNext(KyrHashIterator* hi);
 const char* kyrHashThisKey(const KyrHashIterator* hi);
 void* kyrHashThisVal(const KyrHashIterator* hi);

@@ -13,8 +13,7 @@ namespace kyr {
 // runtime treat allocation failure as fatal everywhere except where they test for null).
 void* kyrMalloc(size_t size, const char* file = __builtin_FILE(), int line = __builtin_LINE());
 void kyrFree(void* p, const char* file = __builtin_FILE(), int line = __builtin_LINE());
-char* kyrStrdup(const char* expr, const char* file = __builtin_FILE(),
-                int line = __builtin_LINE());
+char* kyrStrdup(const char* expr, const char* file = __builtin_FILE(), int line = __builtin_LINE());
 // Copy of the first n characters; always terminated.
 char* kyrStrndup(const char* expr, size_t n, const char* file = __builtin_FILE(),
                  int line = __builtin_LINE());

@@ -7,8 +7,8 @@
 namespace kyr {
 
 struct KyrLock {
-  const char* name;     // not filled in by creation
-  const char* heldBy;   // the `who` of the last obtainer, cleared on release; guarded by lock
+  const char* name;    // not filled in by creation
+  const char* heldBy;  // the `who` of the last obtainer, cleared on release; guarded by lock
   pthread_mutex_t lock;
 };
 

@@ -14,6 +14,7 @@ bool kyrStartsWith(const char* str, const char* prefix);
 bool kyrEndsWith(const char* str, const char* suffix);
 char* kyrSubstring(const char* orgStr, int beginIdx, int endIdx);
 char* kyrSubstrSuffix(const char* orgStr, int begin);
+// Null for a null string or a null or empty delimiter.
 char** kyrStrSplit(const char* str, const char* delimiter);
 void kyrFreeStrSplitArray(char** array);
 char* kyrStrtok(char* str, const char* sep, char** last);

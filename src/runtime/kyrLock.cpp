@@ -1,0 +1,106 @@
+// Mutexes, the reader/writer lock (deliberately the same exclusive lock), counters guarded by
+// their own lock, and conditions that own their lock.
+#include "runtime/kyrLock.h"
+
+#include "runtime/kyrLibUtil.h"
+
+namespace kyr {
+
+KyrLock* kyrLockCreate(const char* name) {
+  auto* lock = static_cast<KyrLock*>(kyrMalloc(sizeof(KyrLock)));
+  if (lock != nullptr) lockInit(lock, name);
+  return lock;
+}
+
+// The name is accepted for readability at the call site and deliberately not kept.
+void lockInit(KyrLock* lock, const char* /*name*/) {
+  lock->name = nullptr;
+  lock->heldBy = nullptr;
+  pthread_mutex_init(&lock->lock, nullptr);
+}
+
+void kyrLockObtain(KyrLock* lock, const char* who) {
+  pthread_mutex_lock(&lock->lock);
+  lock->heldBy = who;
+}
+
+void kyrLockRelease(KyrLock* lock) {
+  lock->heldBy = nullptr;
+  pthread_mutex_unlock(&lock->lock);
+}
+
+void kyrLockDestroy(KyrLock* lock) {
+  if (lock == nullptr) return;
+  pthread_mutex_destroy(&lock->lock);
+  kyrFree(lock);
+}
+
+KyrRWLock* kyrRWLockCreate(const char* name) { return kyrLockCreate(name); }
+void kyrRWLockObtainRead(KyrRWLock* lock, const char* who) { kyrLockObtain(lock, who); }
+void kyrRWLockReleaseRead(KyrRWLock* lock) { kyrLockRelease(lock); }
+void kyrRWLockObtainWrite(KyrRWLock* lock, const char* who) { kyrLockObtain(lock, who); }
+void kyrRWLockReleaseWrite(KyrRWLock* lock) { kyrLockRelease(lock); }
+void kyrRWLockDestroy(KyrRWLock* lock) { kyrLockDestroy(lock); }
+
+KyrAtomicCounter* kyrAtomicCounterCreate(const char* name, int initialValue) {
+  auto* counter = static_cast<KyrAtomicCounter*>(kyrMalloc(sizeof(KyrAtomicCounter)));
+  if (counter == nullptr) return nullptr;
+  counter->count = initialValue;
+  lockInit(&counter->lock, name);
+  return counter;
+}
+
+int kyrAtomicCounterGetValue(KyrAtomicCounter* counter) {
+  KyrLockGuard guard(&counter->lock, "kyrAtomicCounterGetValue");
+  return counter->count;
+}
+
+int kyrAtomicCounterIncrement(KyrAtomicCounter* counter, const char* who) {
+  KyrLockGuard guard(&counter->lock, who);
+  return ++counter->count;
+}
+
+int kyrAtomicCounterDecrement(KyrAtomicCounter* counter, const char* who) {
+  KyrLockGuard guard(&counter->lock, who);
+  return --counter->count;
+}
+
+void kyrAtomicCounterDestroy(KyrAtomicCounter* counter) {
+  if (counter == nullptr) return;
+  pthread_mutex_destroy(&counter->lock.lock);
+  kyrFree(counter);
+}
+
+KyrCondition* kyrConditionCreate(const char* name) {
+  auto* condition = static_cast<KyrCondition*>(kyrMalloc(sizeof(KyrCondition)));
+  if (condition == nullptr) return nullptr;
+  condition->lock = kyrLockCreate(name);
+  if (condition->lock == nullptr) {
+    kyrFree(condition);
+    return nullptr;
+  }
+  pthread_cond_init(&condition->condition, nullptr);
+  return condition;
+}
+
+void kyrConditionObtainLock(KyrCondition* condition, const char* who) {
+  kyrLockObtain(condition->lock, who);
+}
+
+void kyrConditionReleaseLock(KyrCondition* condition) { kyrLockRelease(condition->lock); }
+
+// The condition's lock must be held.
+void kyrConditionWait(KyrCondition* condition) {
+  pthread_cond_wait(&condition->condition, &condition->lock->lock);
+}
+
+void kyrConditionSignal(KyrCondition* condition) { pthread_cond_signal(&condition->condition); }
+
+void kyrConditionDestroy(KyrCondition* condition) {
+  if (condition == nullptr) return;
+  pthread_cond_destroy(&condition->condition);
+  kyrLockDestroy(condition->lock);
+  kyrFree(condition);
+}
+
+}  // namespace kyr

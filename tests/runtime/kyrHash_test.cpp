@@ -1,0 +1,189 @@
+// KyrHashMap: the hash function, growth and chain order, put semantics, prefix cleaning,
+// iteration that survives removal, and the dump's text.
+#include "runtime/kyrHash.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace kyr {
+namespace {
+
+std::vector<std::string> keysInIterationOrder(const KyrHashMap* hm) {
+  std::vector<std::string> keys;
+  KyrHashIterator hi;
+  for (kyrHashIteratorStart(hm, &hi); kyrHashNext(&hi) != nullptr;) {
+    keys.emplace_back(kyrHashThisKey(&hi));
+  }
+  return keys;
+}
+
+int g_destroyedCount = 0;
+void countDestroyed(void* /*val*/) { ++g_destroyedCount; }
+
+class HashMapTest : public ::testing::Test {
+ protected:
+  void SetUp() override { g_destroyedCount = 0; }
+  void TearDown() override { kyrHashMapDestroy(hm_); }
+  KyrHashMap* hm_ = kyrHashMapCreate();
+  int v1_ = 1;
+  int v2_ = 2;
+};
+
+using Keys = std::vector<std::string>;
+
+TEST(HashCompute, TimesThirtyThreePlusByteIn32BitUnsigned) {
+  EXPECT_EQ(kyrHashCompute(""), 0);
+  EXPECT_EQ(kyrHashCompute("a"), 97);
+  EXPECT_EQ(kyrHashCompute("A@"), 65 * 33 + 64);
+  EXPECT_EQ(kyrHashCompute("zzzzzzzzzz"), -596544764);  // wrapped
+  EXPECT_EQ(kyrHashCompute("\xff"), 255);               // bytes are unsigned
+}
+
+TEST_F(HashMapTest, PutGetAndUpdateReturnTheOldValue) {
+  EXPECT_EQ(hm_->max, 15);
+  EXPECT_EQ(kyrHashPut(hm_, "/cell/c1", &v1_), nullptr);
+  EXPECT_EQ(kyrHashGet(hm_, "/cell/c1"), &v1_);
+  EXPECT_EQ(kyrHashGet2(hm_, "/cell/c1", kyrHashCompute("/cell/c1")), &v1_);
+  EXPECT_EQ(kyrHashGet(hm_, "/cell/c2"), nullptr);
+  EXPECT_EQ(kyrHashPut(hm_, "/cell/c1", &v2_), &v1_);
+  EXPECT_EQ(kyrHashGet(hm_, "/cell/c1"), &v2_);
+  EXPECT_EQ(hm_->count, 1);
+}
+
+TEST_F(HashMapTest, SamePointerPutChangesNothingButANewValueTakesTheNewKey) {
+  char first[] = "k";
+  char second[] = "k";
+  kyrHashPut(hm_, first, &v1_);
+  EXPECT_EQ(kyrHashPut(hm_, second, &v1_), nullptr);
+  KyrHashIterator hi;
+  kyrHashNext(kyrHashIteratorStart(hm_, &hi));
+  EXPECT_EQ(kyrHashThisKey(&hi), first);
+  EXPECT_EQ(kyrHashPut(hm_, second, &v2_), &v1_);
+  kyrHashNext(kyrHashIteratorStart(hm_, &hi));
+  EXPECT_EQ(kyrHashThisKey(&hi), second);
+}
+
+TEST_F(HashMapTest, NullPutRemovesWithoutCallingTheDestructor) {
+  kyrHashMapSetDestructor(hm_, countDestroyed);
+  kyrHashPut(hm_, "a", &v1_);
+  EXPECT_EQ(kyrHashPut(hm_, "a", nullptr), &v1_);
+  EXPECT_EQ(kyrHashGet(hm_, "a"), nullptr);
+  EXPECT_EQ(hm_->count, 0);
+  EXPECT_EQ(kyrHashPut(hm_, "a", nullptr), nullptr);
+  EXPECT_EQ(g_destroyedCount, 0);
+}
+
+// "a" and "A@" share bucket 1 with 16 and with 32 buckets; the fillers avoid it.
+TEST_F(HashMapTest, GrowsOnThePutThatFindsCountAtSixteenAndReversesSharedChains) {
+  kyrHashPut(hm_, "a", &v1_);
+  kyrHashPut(hm_, "A@", &v1_);
+  EXPECT_EQ(keysInIterationOrder(hm_), (Keys{"a", "A@"}));  // new keys go to the chain's end
+  static const char* fillers[] = {"b", "c", "d", "e", "f", "g", "h", "i",
+                                  "j", "k", "l", "m", "n", "o", "p"};
+  for (int i = 0; i < 14; ++i) kyrHashPut(hm_, fillers[i], &v2_);
+  EXPECT_EQ(hm_->count, 16);
+  EXPECT_EQ(hm_->max, 15);
+  kyrHashPut(hm_, fillers[14], &v2_);
+  EXPECT_EQ(hm_->max, 31);
+  EXPECT_EQ(hm_->count, 17);
+  EXPECT_EQ(keysInIterationOrder(hm_)[0], "A@");  // moved to the head in iteration order
+  EXPECT_EQ(keysInIterationOrder(hm_)[1], "a");
+  EXPECT_EQ(kyrHashGet(hm_, "a"), &v1_);
+  for (const char* key : fillers) EXPECT_EQ(kyrHashGet(hm_, key), &v2_) << key;
+}
+
+TEST_F(HashMapTest, UpdateOfAFullTableGrowsItButRemovalDoesNot) {
+  static const char* keys[] = {"k0", "k1", "k2", "k3", "k4", "k5", "k6", "k7",
+                               "k8", "k9", "ka", "kb", "kc", "kd", "ke", "kf"};
+  for (const char* key : keys) kyrHashPut(hm_, key, &v1_);
+  kyrHashPut(hm_, "k0", nullptr);
+  kyrHashPut(hm_, "k0", &v1_);
+  EXPECT_EQ(hm_->max, 15);
+  kyrHashPut(hm_, "k1", &v2_);
+  EXPECT_EQ(hm_->max, 31);
+  EXPECT_EQ(keysInIterationOrder(hm_).size(), 16u);
+}
+
+TEST_F(HashMapTest, PrefixCleanIsATextPrefixAndLeavesCountAsItWas) {
+  int x = 0;
+  int ab = 0;
+  int b = 0;
+  kyrHashPut(hm_, "/cell/a/x", &x);
+  kyrHashPut(hm_, "/cell/ab", &ab);
+  kyrHashPut(hm_, "/cell/b", &b);
+  kyrHashMapClean2(hm_, "/cell/a", countDestroyed);
+  EXPECT_EQ(g_destroyedCount, 2);
+  EXPECT_EQ(keysInIterationOrder(hm_), Keys{"/cell/b"});
+  EXPECT_EQ(kyrHashGet(hm_, "/cell/b"), &b);
+  EXPECT_EQ(hm_->count, 3);  // deliberate
+}
+
+TEST_F(HashMapTest, CleanAndDestroyUseTheMapsDestructorButCleanTwoOnlyTheGivenOne) {
+  kyrHashMapSetDestructor(hm_, countDestroyed);
+  kyrHashPut(hm_, "a", &v1_);
+  kyrHashMapClean2(hm_, "", nullptr);
+  EXPECT_EQ(g_destroyedCount, 0);
+  kyrHashPut(hm_, "a", &v1_);
+  kyrHashPut(hm_, "b", &v2_);
+  kyrHashMapClean(hm_);
+  EXPECT_EQ(g_destroyedCount, 2);
+  EXPECT_EQ(kyrHashGet(hm_, "a"), nullptr);
+  KyrHashMap* other = kyrHashMapCreate2(countDestroyed);
+  kyrHashPut(other, "c", &v1_);
+  kyrHashMapDestroy(other);
+  EXPECT_EQ(g_destroyedCount, 3);
+  kyrHashMapDestroy(nullptr);
+}
+
+TEST_F(HashMapTest, IterationSurvivesRemovalOfTheCurrentEntry) {
+  std::vector<std::string> keys;
+  for (int i = 0; i < 40; ++i) keys.push_back("/cell/c1/node/n" + std::to_string(i));
+  for (const auto& key : keys) kyrHashPut(hm_, key.c_str(), &v1_);
+  size_t visited = 0;
+  KyrHashIterator* hi = kyrHashIteratorCreate(hm_);
+  while (kyrHashNext(hi) != nullptr) {
+    EXPECT_EQ(kyrHashThisVal(hi), &v1_);
+    kyrHashPut(hm_, kyrHashThisKey(hi), nullptr);
+    ++visited;
+  }
+  kyrHashIteratorDestroy(hi);
+  EXPECT_EQ(visited, keys.size());
+  EXPECT_TRUE(keysInIterationOrder(hm_).empty());
+  EXPECT_EQ(hm_->count, 0);
+}
+
+std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+std::string format(const char* fmt, ...) {
+  char buf[512];
+  va_list ap;
+  va_start(ap, fmt);
+  vsnprintf(buf, sizeof buf, fmt, ap);
+  va_end(ap);
+  return buf;
+}
+
+unsigned low32(const void* p) { return static_cast<unsigned>(reinterpret_cast<uintptr_t>(p)); }
+
+TEST_F(HashMapTest, DumpPrintsHeaderEachEntryAndTrailer) {
+  kyrHashPut(hm_, "a", &v1_);
+  KyrHashIterator hi;
+  kyrHashNext(kyrHashIteratorStart(hm_, &hi));
+  testing::internal::CaptureStdout();
+  kyrHashMapDump(hm_, "here");
+  std::string out = testing::internal::GetCapturedStdout();
+  std::string expected =
+      "KYR: HashMapDump: begin here; count = 1; max = 15\n" +
+      format("   (1) hi.current=%x; hi.next=0; hi.index=2\n", low32(hi.current)) +
+      format("        current.next=0; current.hash=97; current.key=a; current.val=%x\n",
+             low32(&v1_)) +
+      "KYR: HashMapDump: end here\n";
+  EXPECT_EQ(out, expected);
+}
+
+}  // namespace
+}  // namespace kyr

@@ -1,0 +1,93 @@
+// Counted allocation and the memory counter (also from several threads, for ThreadSanitizer),
+// and the shape of the version text.
+#include "runtime/kyrLibUtil.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <regex>
+#include <thread>
+#include <vector>
+
+#include "kyrlib.h"
+
+namespace kyr {
+namespace {
+
+TEST(KyrLibUtil, MallocZeroFillsAndEveryBlockMovesTheCounterByOne) {
+  int before = kyrGetMemCount();
+  auto* block = static_cast<unsigned char*>(kyrMalloc(64));
+  EXPECT_EQ(kyrGetMemCount(), before + 1);
+  for (int i = 0; i < 64; ++i) ASSERT_EQ(block[i], 0) << i;
+  char* dup = kyrStrdup("abc");
+  EXPECT_EQ(kyrGetMemCount(), before + 2);
+  kyrFree(dup);
+  kyrFree(block);
+  EXPECT_EQ(kyrGetMemCount(), before);
+}
+
+TEST(KyrLibUtil, StrndupCopiesAtMostNCharactersAndAlwaysTerminates) {
+  int before = kyrGetMemCount();
+  char* cut = kyrStrndup("abcdef", 3);
+  char* whole = kyrStrndup("ab", 10);
+  EXPECT_STREQ(cut, "abc");
+  EXPECT_STREQ(whole, "ab");
+  EXPECT_EQ(kyrGetMemCount(), before + 2);
+  kyrFree(cut);
+  kyrFree(whole);
+  EXPECT_EQ(kyrGetMemCount(), before);
+}
+
+struct Tracked {
+  explicit Tracked(int v) : value(v) {}
+  int value;
+};
+
+TEST(KyrLibUtil, NewAndDeleteOfObjectsAreCounted) {
+  int before = kyrGetMemCount();
+  auto* obj = kyrNew<Tracked>(7);
+  EXPECT_EQ(obj->value, 7);
+  EXPECT_EQ(kyrGetMemCount(), before + 1);
+  kyrDelete(obj);
+  EXPECT_EQ(kyrGetMemCount(), before);
+}
+
+TEST(KyrLibUtil, ResetSetsTheCounterToZero) {
+  void* p = kyrMalloc(1);
+  kyrResetMemCount();
+  EXPECT_EQ(kyrGetMemCount(), 0);
+  kyrFree(p);
+  EXPECT_EQ(kyrGetMemCount(), -1);
+}
+
+// Each thread runs `work` on its own vector of blocks; returns after all have finished.
+template <class Fn>
+void onThreads(std::vector<std::vector<void*>>& blocks, Fn work) {
+  std::vector<std::thread> threads;
+  for (auto& mine : blocks) threads.emplace_back([&mine, &work] { work(mine); });
+  for (auto& t : threads) t.join();
+}
+
+TEST(RuntimeConcurrency, MemoryCounterStaysExactUnderConcurrentAllocation) {
+  constexpr int kBlocks = 5000;
+  int before = kyrGetMemCount();
+  std::vector<std::vector<void*>> blocks(4);
+  onThreads(blocks, [](std::vector<void*>& mine) {
+    for (int i = 0; i < kBlocks; ++i) mine.push_back(kyrMalloc(16));
+    for (int i = 0; i < kBlocks; ++i) kyrFree(kyrStrdup("churn"));
+  });
+  EXPECT_EQ(kyrGetMemCount(), before + 4 * kBlocks);
+  onThreads(blocks, [](std::vector<void*>& mine) {
+    for (void* p : mine) kyrFree(p);
+  });
+  EXPECT_EQ(kyrGetMemCount(), before);
+}
+
+TEST(Version, TextHasReleaseLabelAndBuildFields) {
+  EXPECT_TRUE(
+      std::regex_match(kyrGetVersion(), std::regex(R"(KYRLIB\d{3}\.KYRLIB_[A-Z]\d{4}\.\d{2})")))
+      << kyrGetVersion();
+}
+
+}  // namespace
+}  // namespace kyr

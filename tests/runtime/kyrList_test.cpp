@@ -1,0 +1,158 @@
+// KyrList: order and links after each kind of insertion and removal, and exactly when the
+// list's destructor runs.
+#include "runtime/kyrList.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "runtime/kyrLibUtil.h"
+
+namespace kyr {
+namespace {
+
+std::vector<std::string> g_destroyed;
+const KyrList* g_cleaning = nullptr;
+int g_countSeenByDestructor = -1;
+
+void recordDestroyed(void* object) {
+  g_destroyed.emplace_back(static_cast<const char*>(object));
+  if (g_cleaning != nullptr) g_countSeenByDestructor = g_cleaning->count;
+}
+
+class ListTest : public ::testing::Test {
+ protected:
+  void SetUp() override { g_destroyed.clear(); }
+  void TearDown() override { kyrListDestroy(list_); }
+
+  // Objects front to back, checking that the backward links mirror the forward ones.
+  std::vector<std::string> contents() const {
+    std::vector<std::string> forward;
+    for (KyrListEle* e = kyrListGetHead(list_); e != nullptr; e = kyrListGetNext(e)) {
+      forward.emplace_back(static_cast<const char*>(kyrListEleGetObject(e)));
+    }
+    std::vector<std::string> backward;
+    for (KyrListEle* e = kyrListGetTail(list_); e != nullptr; e = kyrListGetPrev(e)) {
+      backward.insert(backward.begin(), static_cast<const char*>(kyrListEleGetObject(e)));
+    }
+    EXPECT_EQ(forward, backward);
+    EXPECT_EQ(static_cast<size_t>(kyrListGetCount(list_)), forward.size());
+    return forward;
+  }
+
+  KyrList* list_ = kyrListCreate(recordDestroyed);
+  char a_[2] = "a";
+  char b_[2] = "b";
+  char c_[2] = "c";
+};
+
+using Texts = std::vector<std::string>;
+
+TEST_F(ListTest, AdditionsPlaceElementsWhereNamed) {
+  EXPECT_TRUE(kyrListIsEmpty(list_));
+  KyrListEle* b = kyrListAddTail(list_, b_);
+  kyrListAddHead(list_, a_);
+  kyrListAddTail(list_, c_);
+  EXPECT_EQ(contents(), (Texts{"a", "b", "c"}));
+  char x[] = "x";
+  char y[] = "y";
+  kyrListInsertBefore(list_, b, x);
+  kyrListInsertBefore(list_, kyrListGetHead(list_), y);
+  EXPECT_EQ(contents(), (Texts{"y", "a", "x", "b", "c"}));
+  EXPECT_FALSE(kyrListIsEmpty(list_));
+}
+
+TEST_F(ListTest, RemovalRelinksAndNeverCallsTheDestructor) {
+  kyrListAddTail(list_, a_);
+  KyrListEle* b = kyrListAddTail(list_, b_);
+  kyrListAddTail(list_, c_);
+  EXPECT_EQ(kyrListRemove(list_, b), b_);
+  EXPECT_EQ(contents(), (Texts{"a", "c"}));
+  EXPECT_EQ(kyrListRemoveTail(list_), c_);
+  EXPECT_EQ(kyrListRemoveHead(list_), a_);
+  EXPECT_EQ(contents(), Texts{});
+  EXPECT_EQ(kyrListRemoveHead(list_), nullptr);
+  EXPECT_EQ(kyrListRemoveTail(list_), nullptr);
+  EXPECT_TRUE(g_destroyed.empty());
+}
+
+TEST_F(ListTest, DeleteAndRemoveObjectCallTheDestructor) {
+  kyrListAddTail(list_, a_);
+  kyrListAddTail(list_, b_);
+  kyrListDelete(list_, kyrListGetHead(list_));
+  EXPECT_TRUE(kyrListRemoveObject(list_, b_));
+  EXPECT_FALSE(kyrListRemoveObject(list_, c_));
+  EXPECT_EQ(g_destroyed, (Texts{"a", "b"}));
+  EXPECT_TRUE(kyrListIsEmpty(list_));
+}
+
+TEST_F(ListTest, FindMatchesByPointerAndFindStrByText) {
+  kyrListAddTail(list_, a_);
+  char otherA[] = "a";
+  EXPECT_EQ(kyrListFind(list_, otherA), nullptr);
+  EXPECT_EQ(kyrListEleGetObject(kyrListFindStr(list_, otherA)), a_);
+  EXPECT_FALSE(kyrListAddUnique(list_, a_));
+  EXPECT_TRUE(kyrListAddUnique(list_, otherA));
+  EXPECT_EQ(kyrListFindAndRemove(list_, otherA), otherA);
+  EXPECT_EQ(kyrListFindAndRemove(list_, otherA), nullptr);
+  EXPECT_EQ(contents(), Texts{"a"});
+}
+
+TEST_F(ListTest, UniqueStrAddsAPlainCopyThatFindAndRemoveStrReleases) {
+  KyrList* names = kyrListCreate(nullptr);
+  char name[] = "n1";
+  EXPECT_TRUE(kyrListAddUniqueStr(names, name));
+  EXPECT_FALSE(kyrListAddUniqueStr(names, "n1"));
+  EXPECT_NE(kyrListEleGetObject(kyrListGetHead(names)), name);
+  EXPECT_TRUE(kyrListFindAndRemoveStr(names, "n1"));  // ASan would report the copy if kept
+  EXPECT_FALSE(kyrListFindAndRemoveStr(names, "n1"));
+  kyrListDestroy(names);
+}
+
+TEST_F(ListTest, CleanEmptiesTheListBeforeDestroyingFrontToBack) {
+  kyrListAddTail(list_, a_);
+  kyrListAddTail(list_, nullptr);
+  kyrListAddTail(list_, b_);
+  g_cleaning = list_;
+  kyrListClean(list_);
+  g_cleaning = nullptr;
+  EXPECT_EQ(g_destroyed, (Texts{"a", "b"}));
+  EXPECT_EQ(g_countSeenByDestructor, 0);
+  EXPECT_EQ(kyrListGetHead(list_), nullptr);
+  EXPECT_EQ(kyrListGetTail(list_), nullptr);
+  kyrListAddTail(list_, c_);
+  EXPECT_EQ(contents(), Texts{"c"});
+}
+
+TEST_F(ListTest, CreateArrayIsNullTerminatedInListOrder) {
+  void** empty = kyrListCreateArray(list_);
+  EXPECT_EQ(empty[0], nullptr);
+  free(empty);
+  kyrListAddTail(list_, a_);
+  kyrListAddTail(list_, b_);
+  void** array = kyrListCreateArray(list_);
+  EXPECT_EQ(array[0], a_);
+  EXPECT_EQ(array[1], b_);
+  EXPECT_EQ(array[2], nullptr);
+  free(array);
+}
+
+TEST_F(ListTest, NullListAndElementAccessorsAndDestroy) {
+  EXPECT_EQ(kyrListGetHead(nullptr), nullptr);
+  EXPECT_EQ(kyrListEleGetObject(nullptr), nullptr);
+  kyrListDestroy(nullptr);
+}
+
+TEST_F(ListTest, CountedVariantsMoveTheCounterForTheListOnly) {
+  int before = kyrGetMemCount();
+  KyrList* counted = kyrListCreateDbg(nullptr);
+  kyrListAddTail(counted, a_);
+  EXPECT_EQ(kyrGetMemCount(), before + 1);
+  kyrListDestroyDbg(counted);
+  EXPECT_EQ(kyrGetMemCount(), before);
+}
+
+}  // namespace
+}  // namespace kyr

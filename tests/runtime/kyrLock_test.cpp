@@ -1,0 +1,120 @@
+// Locks, the reader/writer lock, counters and conditions; the RuntimeConcurrency cases hammer
+// them from real threads and are the ones ThreadSanitizer runs.
+#include "runtime/kyrLock.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "runtime/kyrLibUtil.h"
+
+namespace kyr {
+namespace {
+
+constexpr int kThreads = 4;
+constexpr int kRounds = 20000;
+
+template <class Fn>
+void runOnThreads(Fn body) {
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) threads.emplace_back(body, t);
+  for (auto& thread : threads) thread.join();
+}
+
+TEST(Lock, ObtainRecordsTheHolderAndReleaseClearsIt) {
+  int before = kyrGetMemCount();
+  KyrLock* lock = kyrLockCreate("test");
+  EXPECT_EQ(lock->name, nullptr);
+  {
+    KyrLockGuard guard(lock, "holder");
+    EXPECT_STREQ(lock->heldBy, "holder");
+    EXPECT_EQ(pthread_mutex_trylock(&lock->lock), EBUSY);
+  }
+  EXPECT_EQ(lock->heldBy, nullptr);
+  EXPECT_EQ(pthread_mutex_trylock(&lock->lock), 0);
+  pthread_mutex_unlock(&lock->lock);
+  kyrLockDestroy(lock);
+  kyrLockDestroy(nullptr);
+  EXPECT_EQ(kyrGetMemCount(), before);
+}
+
+TEST(Lock, ReadAcquisitionsAreExclusiveToo) {
+  KyrRWLock* lock = kyrRWLockCreate("rw");
+  kyrRWLockObtainRead(lock, "reader");
+  EXPECT_EQ(pthread_mutex_trylock(&lock->lock), EBUSY);
+  kyrRWLockReleaseRead(lock);
+  kyrRWLockObtainWrite(lock, "writer");
+  EXPECT_STREQ(lock->heldBy, "writer");
+  kyrRWLockReleaseWrite(lock);
+  EXPECT_EQ(lock->heldBy, nullptr);
+  kyrRWLockDestroy(lock);
+}
+
+TEST(Lock, CounterReturnsTheNewValue) {
+  KyrAtomicCounter* counter = kyrAtomicCounterCreate("c", 5);
+  EXPECT_EQ(kyrAtomicCounterIncrement(counter, "t"), 6);
+  EXPECT_EQ(kyrAtomicCounterDecrement(counter, "t"), 5);
+  EXPECT_EQ(kyrAtomicCounterDecrement(counter, "t"), 4);
+  EXPECT_EQ(kyrAtomicCounterGetValue(counter), 4);
+  kyrAtomicCounterDestroy(counter);
+}
+
+TEST(RuntimeConcurrency, CounterIncrementsAreNeitherLostNorDuplicated) {
+  KyrAtomicCounter* counter = kyrAtomicCounterCreate("hits", 0);
+  std::vector<std::vector<int>> seen(kThreads);
+  runOnThreads([&](int t) {
+    for (int i = 0; i < kRounds; ++i) seen[t].push_back(kyrAtomicCounterIncrement(counter, "w"));
+  });
+  std::set<int> all;
+  for (const auto& values : seen) all.insert(values.begin(), values.end());
+  EXPECT_EQ(kyrAtomicCounterGetValue(counter), kThreads * kRounds);
+  EXPECT_EQ(all.size(), static_cast<size_t>(kThreads * kRounds));  // each value handed out once
+  kyrAtomicCounterDestroy(counter);
+}
+
+TEST(RuntimeConcurrency, GuardedDataStaysConsistentUnderContention) {
+  KyrLock* lock = kyrLockCreate("data");
+  long total = 0;    // guarded by lock
+  long updates = 0;  // guarded by lock
+  runOnThreads([&](int t) {
+    for (int i = 0; i < kRounds; ++i) {
+      KyrLockGuard guard(lock, "worker");
+      total += t + 1;
+      ++updates;
+    }
+  });
+  EXPECT_EQ(updates, kThreads * kRounds);
+  EXPECT_EQ(total, static_cast<long>(kRounds) * (kThreads * (kThreads + 1) / 2));
+  kyrLockDestroy(lock);
+}
+
+TEST(RuntimeConcurrency, ConditionWakesAWaiterForEachItem) {
+  KyrCondition* condition = kyrConditionCreate("queue");
+  int queued = 0;  // guarded by the condition's lock
+  int consumed = 0;
+  std::thread consumer([&] {
+    kyrConditionObtainLock(condition, "consumer");
+    while (consumed < kRounds / 10) {
+      while (queued == 0) kyrConditionWait(condition);
+      --queued;
+      ++consumed;
+    }
+    kyrConditionReleaseLock(condition);
+  });
+  for (int i = 0; i < kRounds / 10; ++i) {
+    kyrConditionObtainLock(condition, "producer");
+    ++queued;
+    kyrConditionSignal(condition);
+    kyrConditionReleaseLock(condition);
+  }
+  consumer.join();
+  EXPECT_EQ(consumed, kRounds / 10);
+  EXPECT_EQ(queued, 0);
+  kyrConditionDestroy(condition);
+}
+
+}  // namespace
+}  // namespace kyr
