@@ -14,6 +14,9 @@
 #ifndef KYRLIB_KYRLIB_H
 #define KYRLIB_KYRLIB_H
 
+#include <stdio.h>
+#include <sys/types.h>
+
 #include "tr.h"
 
 #ifdef __cplusplus
@@ -203,6 +206,93 @@ typedef struct {
 
 /* "KYRLIB<release>.KYRLIB_<label>.<build>": the library's build level. */
 KYR_EXPORT const char* kyrGetVersion(void);
+
+/* ---- Library handle: lifecycle ------------------------------------------------------------
+ * kyrCreate copies env, reads the trace catalogue from fp (or opens path when fp is NULL) and
+ * returns a STOPPED handle, or NULL with a message on standard error. */
+KYR_EXPORT Kyr* kyrCreate(EnvCallBacks* env, FILE* fp, const char* path);
+/* 0 when the handle was startable (STOPPED or FAILED), -1 otherwise. timeoutInSecs: -1 returns
+ * at once, 0 waits until the start completes, N > 0 waits at most N-1 seconds. */
+KYR_EXPORT int kyrStart(Kyr* kyr, int timeoutInSecs);
+KYR_EXPORT int kyrStop(Kyr* kyr);
+/* Stops the handle and drops the creator's reference; memory goes with the last reference. */
+KYR_EXPORT void kyrDestroy(Kyr* kyr);
+KYR_EXPORT void kyrObtainRef(Kyr* kyr, const char* reason);
+KYR_EXPORT void kyrReleaseRef(Kyr* kyr, const char* reason);
+KYR_EXPORT void kyrCheckState(Kyr* kyr);
+KYR_EXPORT KyrComponentState kyrGetState(Kyr* kyr);
+KYR_EXPORT Boolean kyrIsStopped(Kyr* kyr);
+KYR_EXPORT Boolean kyrIsUsable(Kyr* kyr);
+/* The process-wide lock that serialises start, stop, destroy and routing-data application. */
+KYR_EXPORT void kyrControlLock(const char* whoIsLocking);
+KYR_EXPORT void kyrControlUnlock(void);
+
+/* ---- Library handle: properties and trace ------------------------------------------------- */
+/* A web-server-level custom property (an optional "cp.vq." prefix is dropped); it wins over the
+ * cell-level value, and clearing it (value NULL) restores the cell value. True for a known name. */
+KYR_EXPORT Boolean kyrSetServerCustomProperty(Kyr* kyr, const char* name, const char* value);
+/* Applies one property; returns the property's canonical name, or NULL for an unknown name or
+ * a refused value. */
+KYR_EXPORT const char* kyrSetProperty(Kyr* kyr, const char* name, const char* value);
+KYR_EXPORT void kyrSetServerName(Kyr* kyr, const char* name);
+KYR_EXPORT void kyrSetPPID(Kyr* kyr, const char* ppid);
+KYR_EXPORT int kyrSetDefaultTraceSpec(Kyr* kyr, const char* traceSpec);
+/* -1 kyr NULL, -2 name NULL, -3 spec NULL, -4 spec invalid, 0 done. The name "default" sets
+ * the default specification; any other name adds a request-trace rule with the condition, or
+ * gives -5 while the handle has no request-trace rule set. */
+KYR_EXPORT int kyrSetTraceSpecification(Kyr* kyr, const char* name, const char* traceSpecStr,
+                                        const char* condition);
+KYR_EXPORT TrSpec* kyrGetTrSpec(Kyr* kyr);
+KYR_EXPORT void kyrSpecLockObtain(Kyr* kyr, const char* who);
+KYR_EXPORT void kyrSpecLockRelease(Kyr* kyr);
+/* A new reference the caller releases with trSpecRefRelease; NULL when none is set. */
+KYR_EXPORT TrSpec* kyrGetCustomPropDefaultRequestTraceSpec(Kyr* kyr);
+KYR_EXPORT int ruleNameToSortOrder(const char* name);
+/* Accepted and deliberately ignored: every proxy is trusted. */
+KYR_EXPORT void kyrSetTrustedProxies(Kyr* kyr, const char* proxies);
+KYR_EXPORT Boolean kyrIsTrustedProxy(Kyr* kyr, const char* ipAddr);
+
+/* ---- Library handle: process types -------------------------------------------------------- */
+KYR_EXPORT Boolean kyrIsServerProcess(Kyr* kyr);
+KYR_EXPORT Boolean kyrIsClientProcess(Kyr* kyr);
+KYR_EXPORT Boolean kyrIsStandaloneProcess(Kyr* kyr);
+KYR_EXPORT const char* kyrGetProcessTypeName(KyrProcessType type);
+/* "STARTING" .. "STOPPED", "PARTIAL START"; "UNKNOWN" for anything else, DELETED included. */
+KYR_EXPORT const char* kyrState2String(KyrComponentState state);
+
+/* ---- Connector groups ----------------------------------------------------------------------
+ * A group is created STOPPED and added to the handle, which starts and stops it with itself. */
+KYR_EXPORT KyrConnectorGroup* kyrConnectorGroupCreate(Kyr* kyr, const char* name);
+KYR_EXPORT const char* kyrConnectorGroupGetName(KyrConnectorGroup* cg);
+KYR_EXPORT KyrComponentState kyrConnectorGroupGetState(KyrConnectorGroup* cg);
+/* Under the control lock: kyrConnectorGroupStart refuses (-1) unless STOPPED or FAILED. */
+KYR_EXPORT int kyrConnectorGroupStart(KyrConnectorGroup* cg);
+KYR_EXPORT int kyrConnectorGroupStop(KyrConnectorGroup* cg);
+/* Removes the group from its handle and drops the handle's reference to it. */
+KYR_EXPORT void kyrConnectorGroupDelete(KyrConnectorGroup* cg);
+
+/* ---- Library handle: getters and plain setters (no locking) ------------------------------- */
+KYR_EXPORT EnvCallBacks* kyrGetEnvCallBacks(Kyr* kyr);
+KYR_EXPORT TrMgr* kyrGetTrMgr(Kyr* kyr);
+KYR_EXPORT TrMgr* getKyrTrMgr(Kyr* kyr);
+KYR_EXPORT TrContext* kyrGetTrContext(Kyr* kyr);
+KYR_EXPORT TrRecord* kyrGetDebugIPC(Kyr* kyr);
+KYR_EXPORT int kyrGetMaxSecondsToWaitDuringAtomicRollout(Kyr* kyr);
+KYR_EXPORT const char* kyrGetServerName(Kyr* kyr);
+KYR_EXPORT const char* kyrGetPPID(Kyr* kyr);
+KYR_EXPORT const char* kyrGetServerPath(Kyr* kyr);
+KYR_EXPORT KyrSSLMapMode kyrGetSSLMapMode(Kyr* kyr);
+KYR_EXPORT void kyrSetSSLMapMode(Kyr* kyr, KyrSSLMapMode mode);
+KYR_EXPORT const char* kyrGetUnixDomainSocketPath(Kyr* kyr);
+KYR_EXPORT void kyrSetUnixDomainSocketPath(Kyr* kyr, const char* path);
+KYR_EXPORT uid_t kyrGetUnixDomainSocketUid(Kyr* kyr);
+KYR_EXPORT void kyrSetUnixDomainSocketUid(Kyr* kyr, uid_t uid);
+KYR_EXPORT KyrTargetEndpoint* kyrGetTargetEndpoint(Kyr* kyr);
+KYR_EXPORT int kyrGetMaxTargetEndpointsPerRequest(Kyr* kyr);
+KYR_EXPORT void kyrSetMaxTargetEndpointsPerRequest(Kyr* kyr, int max);
+KYR_EXPORT Boolean kyrPrivateHeadersDisabled(Kyr* kyr);
+/* Milliseconds; (unsigned) -1 means no limit. */
+KYR_EXPORT unsigned int kyrGetMaxElapsedTimePerRequest(Kyr* kyr);
 
 #ifdef __cplusplus
 }

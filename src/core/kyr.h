@@ -1,0 +1,145 @@
+// The library handle: the one object a host creates. It owns the host's callback table, the
+// trace manager and the handle's trace records, the connector groups, the current routing
+// version, the request-context pool, the custom properties and the process type. This header
+// is the handle's layout and the handle-level calls that are not part of the public API.
+#pragma once
+
+#include <jansson.h>
+
+#include <atomic>
+
+#include "kyrlib.h"
+#include "runtime/kyrHash.h"
+#include "runtime/kyrList.h"
+#include "runtime/kyrLock.h"
+#include "runtime/kyrProperties.h"
+#include "runtime/kyrThread.h"
+#include "runtime/kyrTime.h"
+
+namespace kyr {
+
+// Owned by modules that attach themselves to the handle; the handle only holds the pointer.
+struct KyrRoutingInfo;
+struct KyrServerProcess;
+struct KyrClientProcess;
+struct Language;
+struct KyrRules;
+struct HealthMonitor;
+
+struct KyrPartitionIDData {
+  KyrHashMap* map;  // cluster name -> partition data; guarded by lock
+  KyrLock* lock;
+};
+
+using AsyncCallbackFcn = void (*)(Kyr* kyr, void* obj);
+
+}  // namespace kyr
+
+struct _Kyr {
+  // Holders: the creator (dropped by kyrDestroy), each connector group, each request context
+  // and each routing-information version. Atomic because those holders release under
+  // different locks (control lock, routingInfoLock, contextPoolLock).
+  std::atomic<int> refcnt;
+  EnvCallBacks env;
+  KyrComponentState state;  // written under the control lock
+  KyrSSLMapMode sslMapMode;
+  kyr::KyrList* connectorGroupList;  // of KyrConnectorGroup; changed under the control lock
+  kyr::KyrProperties* props;
+  kyr::KyrHashMap* defaultProps;  // cell-level custom property values (malloc'd copies)
+  kyr::KyrHashMap* serverProps;   // web-server-level custom property values (malloc'd copies)
+  int maxHttpContextPoolSize;
+  kyr::KyrList* contextPool;
+  kyr::KyrLock* contextPoolLock;  // guards contextPool
+  KyrTargetEndpoint* targetEndpoint;
+  int maxTargetEndpointsPerRequest;
+  kyr::KyrLock* routingInfoLock;  // guards routingInfo, newRoutingInfo and version refcounts
+  kyr::KyrRoutingInfo* routingInfo;
+  kyr::KyrRoutingInfo* newRoutingInfo;
+  kyr::KyrHashMap* endPointRefMap;  // endpoint name -> EndPointRef; used under the model's lock
+  kyr::KyrHashMap* sappMap;
+  kyr::KyrPartitionIDData partitionIDData;
+  TrMgr* trMgr;
+  TrSpec* customPropDefaultRequestTraceSpec;  // guarded by trSpecLock
+  kyr::KyrLock* trSpecLock;  // guards the default and default-request trace specifications
+  TrContext* trCtx;
+  TrRecord* processRec;
+  TrRecord* controlStateChangeRec;
+  TrRecord* jsonReceivedRec;
+  TrRecord* jsonUpdatedRec;
+  TrRecord* invalidJSON;
+  TrRecord* invalidAction;
+  TrRecord* invalidKey;
+  TrRecord* ipcProcessRec;
+  TrRecord* requestTraceSpecAdded;
+  TrRecord* requestTraceSpecRemoved;
+  TrRecord* defaultReqTraceSpecSet;
+  TrRecord* defaultReqTraceSpecReset;
+  TrRecord* defaultTraceSpecSet;
+  TrRecord* defaultTraceSpecReset;
+  KyrProcessType processType;
+  char* unixDomainSocketPath;
+  uid_t unixDomainSocketUid;
+  kyr::KyrServerProcess* serverProcess;
+  kyr::KyrClientProcess* clientProcess;
+  kyr::Language* httpLanguage;
+  kyr::KyrRules* requestTraceRules;
+  int maxSecondsToWaitDuringAtomicRollout;
+  char* serverName;
+  char* ppid;
+  char* serverPath;
+  char* cellPath;
+  kyr::HealthMonitor* healthMonitor;
+  kyr::KyrCondition* asyncWorkCondition;  // its lock guards asyncWorkQueue and the two flags
+  kyr::KyrList* asyncWorkQueue;           // of KyrAsyncWork, first in first out
+  kyr::KyrThread* asyncWorkThread;
+  json_t* controlState;  // owned reference; NULL unless a server process sent one
+  Boolean privateHeadersDisabled;
+  kyr::KyrTime maxElapsedTimePerRequestInMillis;
+  // Worker shutdown handshake: kyrDestroy2 raises the first, the worker answers with the second.
+  bool asyncWorkStopRequested;
+  bool asyncWorkStopped;
+};
+
+namespace kyr {
+
+// Holds the process-wide control lock for the lifetime of the guard.
+class ControlLockGuard {
+ public:
+  explicit ControlLockGuard(const char* who) { kyrControlLock(who); }
+  ~ControlLockGuard() { kyrControlUnlock(); }
+  ControlLockGuard(const ControlLockGuard&) = delete;
+  ControlLockGuard& operator=(const ControlLockGuard&) = delete;
+};
+
+// Creates the control lock on first use; kyrCreate and kyrControlLock both call it.
+void kyrControlLockInit();
+
+// Lifecycle internals; each expects the caller to hold the control lock.
+int kyrStart2(Kyr* kyr, int timeoutInSecs);
+int kyrStop2(Kyr* kyr);
+void kyrDestroy2(Kyr* kyr);
+void kyrSetState(Kyr* kyr, KyrComponentState state, const char* reason);
+
+// Cell-level custom property from the routing data (the cell object's "cp." properties).
+void kyrCellSetPropStr(Kyr* kyr, const char* cellName, const char* name, const char* value);
+
+// Internal getters (their types are not part of the public API).
+KyrProperties* kyrGetProperties(Kyr* kyr);
+Language* kyrGetHttpLanguage(Kyr* kyr);
+KyrRules* kyrGetRequestTraceRules(Kyr* kyr);
+HealthMonitor* kyrGetHealthMonitor(Kyr* kyr);
+KyrServerProcess* kyrGetServerProcess(Kyr* kyr);
+
+// Host endpoint objects shared by every endpoint of the same name: the first obtain asks the
+// host to create one, the last release hands it back. NULL when the host gives none.
+EnvTargetEndpoint* endPointRefObtain(Kyr* kyr, const char* name, KyrTargetEndpoint* endpoint);
+void endPointRefRelease(Kyr* kyr, const char* name);
+void endPointRefDelete(void* ref);
+
+// The worker thread: queued items run on it one at a time, in queue order.
+void kyrProcessAsync(Kyr* kyr, void* obj, AsyncCallbackFcn handler);
+bool kyrAsyncWorkStart(Kyr* kyr);
+void kyrAsyncWorkStop(Kyr* kyr);
+void kyrAsyncWorkDelete(void* item);
+
+}  // namespace kyr

@@ -1,0 +1,16 @@
+// The handle's custom properties: the property table, web-server values that win over cell
+// values, and the server name from which the cell and server paths are derived.
+#pragma once
+
+#include "core/kyr.h"
+
+namespace kyr {
+
+// The setter behind the handle's property set (`props`): kyrSetProperty with the handle as
+// pass-back.
+const char* kyrSetPropertyFcn(void* kyr, const char* name, const char* value);
+
+// Frees serverProps, including the key copies kept for names outside the property table.
+void serverPropsDestroy(Kyr* kyr);
+
+}  // namespace kyr

@@ -1,0 +1,204 @@
+// The handle's life: the process-wide control lock, start with its optional wait for the
+// connector groups, stop, destroy, and the handle state derived from the groups' states.
+#include <mutex>
+#include <string>
+
+#include "connector/kyrConnectorGroup.h"
+#include "core/kyr.h"
+#include "runtime/kyrLibUtil.h"
+#include "trace/trWrite.h"
+
+namespace kyr {
+namespace {
+
+// Serialises start, stop, destroy, routing-data application and the handle's asynchronous
+// work across every handle of the process. Created once and never destroyed: handles of the
+// process may come and go, the lock stays.
+KyrLock* controlLock = nullptr;
+std::once_flag controlLockOnce;
+
+std::string formatReason(const char* format, const KyrConnectorGroup* cg) {
+  char text[512];
+  snprintf(text, sizeof text, format, cg != nullptr ? cg->name : "");
+  return text;
+}
+
+bool initializationDone(KyrComponentState state) {
+  return state == STARTED || state == FAILED || state == STOPPING || state == STOPPED;
+}
+
+// The caller holds the control lock; it is released around each one-second sleep so that the
+// connector groups' threads can report their progress meanwhile.
+void waitForInitializationCompletion(Kyr* kyr, int timeoutInSecs) {
+  if (timeoutInSecs == -1) {
+    trDebug(kyr->trCtx, kyr->processRec, "KYR was started asynchronously\n");
+    return;
+  }
+  while (!initializationDone(kyr->state)) {
+    // Counting down before the sleep means N allows N-1 sleeps; hosts rely on 1 never sleeping.
+    if (timeoutInSecs > 0 && --timeoutInSecs == 0) {
+      trDebug(kyr->trCtx, kyr->processRec, "Timed out waiting for KYR initialization to complete\n");
+      return;
+    }
+    trDebug(kyr->trCtx, kyr->processRec, "Waiting for KYR initialization to complete ...\n");
+    kyrControlUnlock();
+    kyrSleep(1);
+    kyrControlLock("kyr.waitForInitializationCompletion");
+  }
+  trDebug(kyr->trCtx, kyr->processRec, "KYR initialization is complete\n");
+}
+
+template <class Fn>
+void forEachConnectorGroup(Kyr* kyr, Fn fn) {
+  for (KyrListEle* e = kyrListGetHead(kyr->connectorGroupList); e != nullptr;
+       e = kyrListGetNext(e)) {
+    fn(static_cast<KyrConnectorGroup*>(kyrListEleGetObject(e)));
+  }
+}
+
+}  // namespace
+
+void kyrControlLockInit() {
+  std::call_once(controlLockOnce, [] { controlLock = kyrLockCreate("kyr.controlLock"); });
+}
+
+void kyrSetState(Kyr* kyr, KyrComponentState state, const char* reason) {
+  if (kyr->state == state) return;
+  KyrComponentState old = kyr->state;
+  trLog(kyr->trCtx, kyr->controlStateChangeRec, kyrState2String(old), kyrState2String(state),
+        reason);
+  kyr->state = state;
+  if (kyr->env.stateChange.kyr != nullptr) {
+    kyr->env.stateChange.kyr(kyr, state, const_cast<char*>(reason));
+  }
+}
+
+int kyrStart2(Kyr* kyr, int timeoutInSecs) {
+  if (kyr->state != STOPPED && kyr->state != FAILED) {
+    trDebug(kyr->trCtx, kyr->processRec, "KYR is not startable; state=%s\n",
+            kyrState2String(kyr->state));
+    return -1;
+  }
+  kyrSetState(kyr, STARTING, "starting");
+  forEachConnectorGroup(kyr, kyrConnectorGroupStart2);
+  waitForInitializationCompletion(kyr, timeoutInSecs);
+  return 0;
+}
+
+int kyrStop2(Kyr* kyr) {
+  if (!kyrIsUsable(kyr)) return -1;
+  kyrSetState(kyr, STOPPING, "stopping initiated");
+  forEachConnectorGroup(kyr, kyrConnectorGroupStop2);
+  return 0;
+}
+
+void kyrDestroy2(Kyr* kyr) {
+  trDebug(kyr->trCtx, kyr->processRec, "kyrDestroy2: enter");
+  kyrStop2(kyr);
+  while (!kyrListIsEmpty(kyr->connectorGroupList)) {
+    kyrConnectorGroupDelete2(kyrListEleGetObject(kyrListGetHead(kyr->connectorGroupList)));
+  }
+  kyrAsyncWorkStop(kyr);
+  kyrSetState(kyr, DELETED, "deleted");
+  kyrReleaseRef(kyr, "kyrDestroy2");
+}
+
+}  // namespace kyr
+
+using namespace kyr;
+
+extern "C" {
+
+void kyrControlLock(const char* whoIsLocking) {
+  kyrControlLockInit();
+  kyrLockObtain(controlLock, whoIsLocking);
+}
+
+void kyrControlUnlock(void) { kyrLockRelease(controlLock); }
+
+int kyrStart(Kyr* kyr, int timeoutInSecs) {
+  if (kyr == nullptr) return -1;
+  ControlLockGuard guard("kyrStart");
+  return kyrStart2(kyr, timeoutInSecs);
+}
+
+int kyrStop(Kyr* kyr) {
+  if (kyr == nullptr) return -1;
+  ControlLockGuard guard("kyrStop");
+  return kyrStop2(kyr);
+}
+
+void kyrDestroy(Kyr* kyr) {
+  if (kyr == nullptr) return;
+  trDebug(kyr->trCtx, kyr->processRec, "kyrDestroy entry\n");
+  ControlLockGuard guard("kyrDestroy");
+  kyrDestroy2(kyr);
+}
+
+void kyrCheckState(Kyr* kyr) {
+  // The last group seen in each state speaks for that state.
+  KyrConnectorGroup* inState[STOPPED + 1] = {};
+  KyrConnectorGroup* invalid = nullptr;
+  forEachConnectorGroup(kyr, [&](KyrConnectorGroup* cg) {
+    if (cg->state < STARTING || cg->state > STOPPED) {
+      invalid = cg;
+    } else {
+      inState[cg->state] = cg;
+    }
+  });
+  KyrConnectorGroup* starting = inState[STARTING];
+  KyrConnectorGroup* started = inState[STARTED];
+  KyrConnectorGroup* stopped = inState[STOPPED];
+  if (invalid != nullptr) {
+    // Deliberately STOPPED rather than FAILED: an unknown group state says nothing of failure.
+    kyrSetState(kyr, STOPPED, formatReason("%s is in an invalid state", invalid).c_str());
+  } else if (inState[STOPPING] != nullptr) {
+    kyrSetState(kyr, STOPPING, formatReason("%s is stopping", inState[STOPPING]).c_str());
+  } else if (inState[FAILED] != nullptr) {
+    kyrSetState(kyr, FAILED, formatReason("%s failed to start", inState[FAILED]).c_str());
+  } else if (inState[PARTIAL_START] != nullptr) {
+    kyrSetState(kyr, PARTIAL_START,
+                formatReason("%s is partially started", inState[PARTIAL_START]).c_str());
+  } else if (starting != nullptr && started != nullptr) {
+    kyrSetState(kyr, PARTIAL_START, formatReason("%s is started", started).c_str());
+  } else if (starting != nullptr) {
+    kyrSetState(kyr, STARTING, formatReason("%s is starting", starting).c_str());
+  } else if (stopped != nullptr && started != nullptr) {
+    kyrSetState(kyr, PARTIAL_START, formatReason("%s is stopped", stopped).c_str());
+  } else if (stopped != nullptr) {
+    kyrSetState(kyr, STOPPED, "all connector groups are stopped");
+  } else if (started != nullptr) {
+    kyrSetState(kyr, STARTED, "all connector groups are started");
+  } else {
+    kyrSetState(kyr, STOPPED, "no connector groups");
+  }
+}
+
+KyrComponentState kyrGetState(Kyr* kyr) { return kyr != nullptr ? kyr->state : INVALID; }
+
+Boolean kyrIsStopped(Kyr* kyr) { return kyr->state == STOPPED || kyr->state == DELETED; }
+
+Boolean kyrIsUsable(Kyr* kyr) {
+  return kyr->state == STARTING || kyr->state == STARTED || kyr->state == PARTIAL_START;
+}
+
+const char* kyrState2String(KyrComponentState state) {
+  switch (state) {
+    case STARTING:
+      return "STARTING";
+    case STARTED:
+      return "STARTED";
+    case PARTIAL_START:
+      return "PARTIAL START";
+    case FAILED:
+      return "FAILED";
+    case STOPPING:
+      return "STOPPING";
+    case STOPPED:
+      return "STOPPED";
+    default:
+      return "UNKNOWN";
+  }
+}
+
+}  // extern "C"
