@@ -14,6 +14,7 @@
 #ifndef KYRLIB_KYRLIB_H
 #define KYRLIB_KYRLIB_H
 
+#include <stdint.h>
 #include <stdio.h>
 #include <sys/types.h>
 
@@ -270,6 +271,24 @@ KYR_EXPORT int kyrConnectorGroupStart(KyrConnectorGroup* cg);
 KYR_EXPORT int kyrConnectorGroupStop(KyrConnectorGroup* cg);
 /* Removes the group from its handle and drops the handle's reference to it. */
 KYR_EXPORT void kyrConnectorGroupDelete(KyrConnectorGroup* cg);
+
+/* ---- Connectors: one publisher URL of a group, tried in the order added ------------------ */
+KYR_EXPORT KyrConnector* kyrConnectorCreate(KyrConnectorGroup* cg, const char* url);
+KYR_EXPORT const char* kyrConnectorGetURL(KyrConnector* connector);
+KYR_EXPORT KyrConnectorGroup* kyrConnectorGetConnectorGroup(KyrConnector* connector);
+KYR_EXPORT KyrComponentState kyrConnectorGetState(KyrConnector* connector);
+/* Removes the connector from its group and drops the group's reference to it. */
+KYR_EXPORT void kyrConnectorDelete(KyrConnector* connector);
+
+/* ---- Routing data --------------------------------------------------------------------------
+ * Documents are Jansson values (struct json_t). kyrStrToJson parses a text, reporting bad JSON
+ * on the control.error.invalidJSON trace record; NULL when it cannot be parsed. */
+KYR_EXPORT struct json_t* kyrStrToJson(Kyr* kyr, const char* text, const char* source);
+/* Applies one document delivered by a connector and takes over the caller's reference to it.
+ * Returns the document's "version", -1 for a NULL document. */
+KYR_EXPORT int64_t kyrHandleJson(struct json_t* doc, const char* docText, KyrConnector* connector);
+/* Parses a publisher's answer, stamps the connector into it and applies it; -1 on bad JSON. */
+KYR_EXPORT int64_t kyrHandleJsonFromRestService(const char* text, KyrConnector* connector);
 
 /* ---- Library handle: getters and plain setters (no locking) ------------------------------- */
 KYR_EXPORT EnvCallBacks* kyrGetEnvCallBacks(Kyr* kyr);

@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 
+#include "connector/kyrConnector.h"
 #include "core/kyr.h"
 #include "runtime/kyrLibUtil.h"
 #include "runtime/kyrStringBuffer.h"
@@ -98,6 +99,11 @@ int kyrConnectorGroupStop2(KyrConnectorGroup* cg) {
 void kyrConnectorGroupDelete2(void* obj) {
   auto* cg = static_cast<KyrConnectorGroup*>(obj);
   kyrListFindAndRemove(cg->kyr->connectorGroupList, cg);
+  // Connectors hold references on their group: remove them so the group can go.
+  while (!kyrListIsEmpty(cg->connectorList)) {
+    kyrConnectorGroupRemoveConnector(
+        cg, static_cast<KyrConnector*>(kyrListEleGetObject(kyrListGetHead(cg->connectorList))));
+  }
   kyrConnectorGroupReleaseRef(cg, "kyrConnectorGroupDelete2");
 }
 
@@ -142,7 +148,7 @@ const char* kyrConnectorGroupGetName(KyrConnectorGroup* cg) {
 }
 
 KyrComponentState kyrConnectorGroupGetState(KyrConnectorGroup* cg) {
-  return cg != nullptr ? cg->state : INVALID;
+  return cg != nullptr ? cg->state.load() : INVALID;
 }
 
 int kyrConnectorGroupStart(KyrConnectorGroup* cg) {

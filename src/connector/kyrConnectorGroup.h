@@ -17,7 +17,8 @@ struct KyrConnectorGroup {
   char* interestSpec;
   char* name;
   Boolean initialized;
-  KyrComponentState state;  // written under the control lock
+  // Written under the control lock; atomic because the host may read it at any time.
+  std::atomic<KyrComponentState> state;
   int waitTime;             // seconds a long poll may wait at the publisher
   kyr::KyrProperties* props;
   kyr::KyrList* connectorList;

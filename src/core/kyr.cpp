@@ -9,6 +9,7 @@
 
 #include "connector/kyrConnectorGroup.h"
 #include "core/kyrHandleProperties.h"
+#include "core/kyrRoutingInfo.h"
 #include "runtime/kyrLibUtil.h"
 #include "trace/trWrite.h"
 
@@ -90,6 +91,7 @@ void initFields(Kyr* kyr) {
   kyr->targetEndpoint = nullptr;
   kyr->maxTargetEndpointsPerRequest = 9999;
   kyr->routingInfoLock = kyrLockCreate("Kyr.routingInfoLock");
+  kyr->routingInfo = kyrRoutingInfoCreate(kyr);
   kyr->endPointRefMap = kyrHashMapCreate2(endPointRefDelete);
   kyr->sappMap = kyrHashMapCreate();
   kyr->partitionIDData.map = kyrHashMapCreate();

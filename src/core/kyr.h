@@ -41,7 +41,9 @@ struct _Kyr {
   // different locks (control lock, routingInfoLock, contextPoolLock).
   std::atomic<int> refcnt;
   EnvCallBacks env;
-  KyrComponentState state;  // written under the control lock
+  // Written under the control lock; atomic because request threads and the host read it
+  // without that lock.
+  std::atomic<KyrComponentState> state;
   KyrSSLMapMode sslMapMode;
   kyr::KyrList* connectorGroupList;  // of KyrConnectorGroup; changed under the control lock
   kyr::KyrProperties* props;

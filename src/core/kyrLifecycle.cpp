@@ -5,6 +5,7 @@
 
 #include "connector/kyrConnectorGroup.h"
 #include "core/kyr.h"
+#include "core/kyrRoutingInfo.h"
 #include "runtime/kyrLibUtil.h"
 #include "trace/trWrite.h"
 
@@ -98,6 +99,13 @@ void kyrDestroy2(Kyr* kyr) {
   while (!kyrListIsEmpty(kyr->connectorGroupList)) {
     kyrConnectorGroupDelete2(kyrListEleGetObject(kyrListGetHead(kyr->connectorGroupList)));
   }
+  KyrRoutingInfo* current;
+  {
+    KyrLockGuard guard(kyr->routingInfoLock, "kyrDestroy2");
+    current = kyr->routingInfo;
+    kyr->routingInfo = nullptr;
+  }
+  kyrRoutingInfoRelease(current);
   kyrAsyncWorkStop(kyr);
   kyrSetState(kyr, DELETED, "deleted");
   kyrReleaseRef(kyr, "kyrDestroy2");
@@ -174,7 +182,7 @@ void kyrCheckState(Kyr* kyr) {
   }
 }
 
-KyrComponentState kyrGetState(Kyr* kyr) { return kyr != nullptr ? kyr->state : INVALID; }
+KyrComponentState kyrGetState(Kyr* kyr) { return kyr != nullptr ? kyr->state.load() : INVALID; }
 
 Boolean kyrIsStopped(Kyr* kyr) { return kyr->state == STOPPED || kyr->state == DELETED; }
 

@@ -1,0 +1,69 @@
+// The object and relationship tables of the routing-data reader, with the adapters that map
+// each row onto the module that owns the object type. Row order is lookup order.
+#include "core/kyrObjectHandlers.h"
+
+#include <array>
+#include <cstring>
+
+#include "core/kyrRoutingData.h"
+#include "runtime/kyrLibUtil.h"
+
+namespace kyr {
+namespace {
+
+// ---- cell: the version records it; its "cp." properties are the cell's custom properties.
+
+void* cellCreate(void*, const char* fullName, KyrConnector*, KyrRoutingInfo* ri) {
+  if (ri->cell != nullptr) cellDelete(ri->cell);
+  auto* cell = kyrNew<Cell>();
+  *cell = Cell{kyrStrdup(fullName), ri->kyr, ri};
+  ri->cell = cell;
+  return cell;
+}
+
+bool cellSetPropStr(void* obj, const char* name, const char* value) {
+  auto* cell = static_cast<Cell*>(obj);
+  kyrCellSetPropStr(cell->kyr, cell->name, name, value);
+  return true;
+}
+
+bool cellSetPropNull(void* obj, const char* name) { return cellSetPropStr(obj, name, nullptr); }
+
+void cellDeleteObject(void* obj) { cellDelete(static_cast<Cell*>(obj)); }
+
+const ObjectHandler kObjectHandlers[] = {
+    {"cell", RoutingInfo, false, cellCreate, cellSetPropStr, nullptr, nullptr, cellSetPropNull,
+     nullptr, cellDeleteObject},
+};
+
+const std::array<RelationshipHandler, 0> kRelationshipHandlers{};
+
+}  // namespace
+
+const ObjectHandler* kyrFindObjectHandler(const char* objectType) {
+  for (const ObjectHandler& h : kObjectHandlers) {
+    if (strcmp(h.objectType, objectType) == 0) return &h;
+  }
+  return nullptr;
+}
+
+const RelationshipHandler* kyrFindRelationshipHandler(const char* relationshipName) {
+  for (const RelationshipHandler& h : kRelationshipHandlers) {
+    if (strcmp(h.relationshipName, relationshipName) == 0) return &h;
+  }
+  return nullptr;
+}
+
+void objectWrapperDelete(void* p) {
+  auto* wrapper = static_cast<ObjectWrapper*>(p);
+  if (wrapper->handler->delete_ != nullptr) wrapper->handler->delete_(wrapper->object);
+  objectWrapperFree(wrapper);
+}
+
+void objectWrapperFree(void* p) {
+  auto* wrapper = static_cast<ObjectWrapper*>(p);
+  kyrFree(wrapper->name);
+  kyrDelete(wrapper);
+}
+
+}  // namespace kyr

@@ -1,0 +1,52 @@
+// The tables that tell the routing-data reader how to build each object type and each
+// relationship of the routing model. The reader itself is generic; everything type-specific
+// sits behind these rows.
+#pragma once
+
+#include "connector/kyrConnector.h"
+#include "core/kyrRoutingInfo.h"
+
+namespace kyr {
+
+enum KyrObjectHandlerParmType {
+  RoutingInfo = 0,      // created under the version itself
+  ParentMandatory = 1,  // needs its parent object; skipped without one
+  ParentOptional = 2,   // created with a null parent when there is none
+};
+
+struct ObjectHandler {
+  const char* objectType;
+  KyrObjectHandlerParmType parmType;
+  bool requiresRoutingInfoReset;  // a change rebuilds the whole version
+  // parent is the KyrRoutingInfo for RoutingInfo rows, else the parent's object (or null).
+  void* (*create)(void* parent, const char* fullName, KyrConnector* connector, KyrRoutingInfo* ri);
+  bool (*setPropStr)(void* obj, const char* name, const char* value);
+  bool (*setPropInt)(void* obj, const char* name, int value);
+  bool (*setPropBool)(void* obj, const char* name, bool value);
+  bool (*setPropNull)(void* obj, const char* name);
+  void (*init)(void* obj);
+  void (*delete_)(void* obj);
+};
+
+struct RelationshipHandler {
+  const char* relationshipName;
+  void (*link)(void* a, void* b, bool add);
+};
+
+// Row lookups by exact type or key; null when there is none.
+const ObjectHandler* kyrFindObjectHandler(const char* objectType);
+const RelationshipHandler* kyrFindRelationshipHandler(const char* relationshipName);
+
+// One entry of a version's object map.
+struct ObjectWrapper {
+  const ObjectHandler* handler;
+  void* object;
+  char* name;  // owned full name; the map's key
+};
+
+// Deletes the wrapped object with its handler, then the wrapper.
+void objectWrapperDelete(void* wrapper);
+// Frees only the wrapper: for versions whose objects go with their owners.
+void objectWrapperFree(void* wrapper);
+
+}  // namespace kyr

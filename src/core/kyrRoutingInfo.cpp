@@ -1,0 +1,97 @@
+// Routing-information versions: creation, population from every connector's stored complete
+// document, the switch to a new version, and the reference counts that keep a version alive
+// while any request still routes with it.
+#include "core/kyrRoutingInfo.h"
+
+#include "connector/kyrConnector.h"
+#include "connector/kyrConnectorGroup.h"
+#include "core/kyrObjectHandlers.h"
+#include "core/kyrRoutingData.h"
+#include "runtime/kyrLibUtil.h"
+#include "trace/trWrite.h"
+
+namespace kyr {
+namespace {
+
+void routingInfoDelete(KyrRoutingInfo* ri) {
+  Kyr* kyr = ri->kyr;
+  // Objects are freed by their owners (selector, mapper); the map frees only its wrappers.
+  kyrHashMapSetDestructor(ri->objectMap, objectWrapperFree);
+  kyrHashMapDestroy(ri->objectMap);
+  if (ri->cell != nullptr) cellDelete(ri->cell);
+  kyrDelete(ri);
+  kyrReleaseRef(kyr, "kyrRoutingInfoDelete");
+}
+
+}  // namespace
+
+KyrRoutingInfo* kyrRoutingInfoCreate(Kyr* kyr) {
+  auto* ri = kyrNew<KyrRoutingInfo>();
+  ri->kyr = kyr;
+  ri->objectMap = kyrHashMapCreate2(objectWrapperDelete);
+  ri->refCount = 1;  // the handle's hold
+  kyrObtainRef(kyr, "kyrRoutingInfoCreate");
+  return ri;
+}
+
+void kyrRoutingInfoPopulate(KyrRoutingInfo* ri) {
+  Kyr* kyr = ri->kyr;
+  for (KyrListEle* e = kyrListGetHead(kyr->connectorGroupList); e != nullptr;
+       e = kyrListGetNext(e)) {
+    auto* cg = static_cast<KyrConnectorGroup*>(kyrListEleGetObject(e));
+    trDebug(kyr->trCtx, kyr->processRec, "kyrRoutingInfoPopulate connector group %s\n", cg->name);
+    KyrConnector* c = cg->curConnector;
+    if (c != nullptr && c->json != nullptr) jsonHandleStoredDocument(ri, c);
+  }
+}
+
+KyrRoutingInfo* kyrCreateAndPopulateNewRoutingInfo(Kyr* kyr) {
+  KyrRoutingInfo* ri = kyrRoutingInfoCreate(kyr);
+  kyrRoutingInfoPopulate(ri);
+  return ri;
+}
+
+void kyrSwitchToNewRoutingInfo(Kyr* kyr, KyrRoutingInfo* ri) {
+  KyrRoutingInfo* old;
+  {
+    KyrLockGuard guard(kyr->routingInfoLock, "kyrSwitchToNewRoutingInfo");
+    old = kyr->routingInfo;
+    kyr->routingInfo = ri;
+  }
+  kyrRoutingInfoRelease(old);
+}
+
+void kyrResetRoutingInfo(Kyr* kyr) {
+  kyrSwitchToNewRoutingInfo(kyr, kyrCreateAndPopulateNewRoutingInfo(kyr));
+}
+
+KyrRoutingInfo* kyrRoutingInfoObtain(Kyr* kyr) {
+  KyrLockGuard guard(kyr->routingInfoLock, "kyrRoutingInfoObtain");
+  KyrRoutingInfo* ri = kyr->routingInfo;
+  if (ri == nullptr) return nullptr;
+  ++ri->refCount;
+  trDebug(kyr->trCtx, kyr->processRec, "kyrRoutingInfoObtain: exit - refCount=%d, ri=%p\n",
+          ri->refCount, static_cast<void*>(ri));
+  return ri;
+}
+
+void kyrRoutingInfoRelease(KyrRoutingInfo* ri) {
+  if (ri == nullptr) return;
+  int count;
+  {
+    KyrLockGuard guard(ri->kyr->routingInfoLock, "kyrRoutingInfoRelease");
+    count = --ri->refCount;
+  }
+  if (count == 0) routingInfoDelete(ri);
+}
+
+RequestMapper* kyrRoutingInfoGetRequestMapper(KyrRoutingInfo* ri) { return ri->requestMapper; }
+TargetSelector* kyrRoutingInfoGetTargetSelector(KyrRoutingInfo* ri) { return ri->targetSelector; }
+Kyr* kyrRoutingInfoGetKyr(KyrRoutingInfo* ri) { return ri->kyr; }
+
+void* kyrRoutingInfoObjectGet(KyrRoutingInfo* ri, const char* fullName) {
+  auto* wrapper = static_cast<ObjectWrapper*>(kyrHashGet(ri->objectMap, fullName));
+  return wrapper != nullptr ? wrapper->object : nullptr;
+}
+
+}  // namespace kyr
