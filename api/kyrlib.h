@@ -290,6 +290,32 @@ KYR_EXPORT int64_t kyrHandleJson(struct json_t* doc, const char* docText, KyrCon
 /* Parses a publisher's answer, stamps the connector into it and applies it; -1 on bad JSON. */
 KYR_EXPORT int64_t kyrHandleJsonFromRestService(const char* text, KyrConnector* connector);
 
+/* ---- Target endpoints ----------------------------------------------------------------------
+ * The endpoint a request was routed to. Server-level values are read through the endpoint's
+ * server; a NULL endpoint gives NULL, -1 or the defaults of a new server (connect time-out 5,
+ * I/O time-out 900, WebSocket I/O 30 and idle 900 seconds, persistent time-out 30). The strings
+ * are the library's and stay valid while the request holds the endpoint. */
+KYR_EXPORT const char* kyrTargetEndpointGetName(KyrTargetEndpoint* endpoint);
+KYR_EXPORT KyrConnector* kyrTargetEndpointGetConnector(KyrTargetEndpoint* endpoint);
+KYR_EXPORT const char* kyrTargetEndpointGetClusterName(KyrTargetEndpoint* endpoint);
+/* "http", "https", or "invalidProtocol". */
+KYR_EXPORT const char* kyrTargetEndpointGetProtocol(KyrTargetEndpoint* endpoint);
+KYR_EXPORT const char* kyrTargetEndpointGetHostName(KyrTargetEndpoint* endpoint);
+KYR_EXPORT int kyrTargetEndpointGetPort(KyrTargetEndpoint* endpoint);
+KYR_EXPORT const char* kyrTargetEndpointGetCloneId(KyrTargetEndpoint* endpoint);
+KYR_EXPORT int kyrTargetEndpointGetConnectTimeout(KyrTargetEndpoint* endpoint);
+KYR_EXPORT int kyrTargetEndpointGetIOTimeout(KyrTargetEndpoint* endpoint);
+/* The cluster's setting; -1 when it is not set or the server has no cluster. */
+KYR_EXPORT int kyrTargetEndpointGetIOTimeoutRetry(KyrTargetEndpoint* endpoint);
+KYR_EXPORT int kyrTargetEndpointGetPersistentTimeout(KyrTargetEndpoint* endpoint);
+KYR_EXPORT Boolean kyrTargetEndpointGetExtendedHandshake(KyrTargetEndpoint* endpoint);
+KYR_EXPORT Boolean kyrTargetEndpointGetWaitForContinue(KyrTargetEndpoint* endpoint);
+KYR_EXPORT const char* kyrTargetEndpointGetNamedEndpoint(KyrTargetEndpoint* endpoint);
+/* The object the host's targetEndpoint.create returned for this endpoint, or NULL. */
+KYR_EXPORT EnvTargetEndpoint* kyrTargetEndpointGetEnvTargetEndpoint(KyrTargetEndpoint* endpoint);
+KYR_EXPORT int kyrTargetEndpointGetWsIOTimeout(KyrTargetEndpoint* endpoint);
+KYR_EXPORT int kyrTargetEndpointGetWsIdleTimeout(KyrTargetEndpoint* endpoint);
+
 /* ---- Library handle: getters and plain setters (no locking) ------------------------------- */
 KYR_EXPORT EnvCallBacks* kyrGetEnvCallBacks(Kyr* kyr);
 KYR_EXPORT TrMgr* kyrGetTrMgr(Kyr* kyr);

@@ -1,0 +1,166 @@
+// A real library handle with a connector, and a target selector on a hand-made routing version,
+// for the target model's tests. The host's endpoint objects are counted so tests can see when
+// the model asks for them and hands them back.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <jansson.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "connector/kyrConnector.h"
+#include "core/kyr.h"
+#include "core/kyrRoutingInfo.h"
+#include "runtime/kyrLibUtil.h"
+#include "selection/kyrTargetSelector.h"
+#include "trace/traceTestUtil.h"
+
+namespace kyrtest {
+
+// What the host saw of endpoint objects. Touched only by the thread applying routing data.
+struct HostEndpoints {
+  int created = 0;
+  int deleted = 0;
+  bool refuse = false;                  // the host gives no object
+  std::vector<std::string> createdFor;  // "host:port" at creation
+};
+
+inline HostEndpoints& hostEndpoints() {
+  static HostEndpoints h;
+  return h;
+}
+
+// The host object is a counted block so a missing delete shows as a leak under ASan.
+inline EnvTargetEndpoint* hostCreateEndpoint(KyrTargetEndpoint* tep) {
+  HostEndpoints& h = hostEndpoints();
+  if (h.refuse) return nullptr;
+  h.created++;
+  const char* host = kyrTargetEndpointGetHostName(tep);
+  h.createdFor.push_back(std::string(host != nullptr ? host : "") + ":" +
+                         std::to_string(kyrTargetEndpointGetPort(tep)));
+  return reinterpret_cast<EnvTargetEndpoint*>(new int(h.created));
+}
+
+inline int hostDeleteEndpoint(EnvTargetEndpoint* obj) {
+  hostEndpoints().deleted++;
+  delete reinterpret_cast<int*>(obj);
+  return 0;
+}
+
+inline char* nullText(EnvHttpContext*) { return nullptr; }
+inline int zero(EnvHttpContext*) { return 0; }
+inline int setHeader(EnvHttpContext*, char*, char*) { return 0; }
+inline char* getCookie(EnvHttpContext*, char*) { return nullptr; }
+
+inline EnvCallBacks testCallBacks() {
+  EnvCallBacks env{};
+  env.version = KYR_ENV_CALLBACKS_VERSION;
+  auto& rq = env.http.request;
+  rq.getProtocol = rq.getVirtualHost = rq.getPath = rq.getClientIpAddr = nullText;
+  rq.getProtocolVersion = rq.getClientCertificate = rq.getSSLCipherSuite = nullText;
+  rq.getSSLSessionId = rq.getAuthType = rq.getUserName = nullText;
+  rq.getVirtualPort = rq.getListeningPort = zero;
+  rq.setHeaderValue = setHeader;
+  rq.getCookieValue = getCookie;
+  env.targetEndpoint.create = hostCreateEndpoint;
+  env.targetEndpoint.KYR_DELETE_MEMBER = hostDeleteEndpoint;
+  env.trace.printf = capturePrintf;
+  return env;
+}
+
+// The memory counter once other threads have stopped moving it: the worker thread of a handle
+// destroyed by an earlier test may still be releasing its last blocks when the next test starts.
+inline int settledMemCount() {
+  int last = kyr::kyrGetMemCount();
+  for (int i = 0; i < 100; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    int now = kyr::kyrGetMemCount();
+    if (now == last) return now;
+    last = now;
+  }
+  return last;
+}
+
+class TargetModel : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    hostEndpoints() = HostEndpoints{};
+    printed().clear();
+    EnvCallBacks env = testCallBacks();
+    kyr_ = kyrCreate(&env, nullptr, KYR_TRACE_CATALOGUE);
+    ASSERT_NE(kyr_, nullptr);
+    cg_ = kyrConnectorGroupCreate(kyr_, "cg1");
+    c_ = kyrConnectorCreate(cg_, "http://publisher:9080");
+    ri_.kyr = kyr_;
+    ts_ = kyr::tsCreate(&ri_);
+  }
+
+  void TearDown() override {
+    if (ts_ != nullptr) kyr::tsDelete(ts_);
+    EXPECT_EQ(hostEndpoints().created, hostEndpoints().deleted) << "host objects not returned";
+    kyrDestroy(kyr_);
+  }
+
+  kyr::TargetNode* node(const char* name = "/cell/c1/node/n1") {
+    return kyr::tsNodeCreate(ts_, name);
+  }
+
+  // A server created and initialised as the routing-data reader does.
+  kyr::TargetServer* server(kyr::TargetNode* n, const char* name) {
+    kyr::TargetServer* s = kyr::tsServerCreate(n, name, c_);
+    EXPECT_TRUE(kyr::tsServerInit(s));
+    return s;
+  }
+
+  // A started, load-balanced server on a cluster: selectable in every respect.
+  kyr::TargetServer* runningServer(kyr::TargetNode* n, kyr::Cluster* cl, const char* name) {
+    kyr::TargetServer* s = server(n, name);
+    kyr::tsServerSetWeight(s, 1);
+    kyr::tsServerSetState(s, "STARTED");
+    kyr::tsLinkClusterServer(cl, s, true);
+    return s;
+  }
+
+  kyr::TargetServerApplication* sapp(kyr::TargetServer* s, const char* path) {
+    kyr::TargetServerApplication* a = kyr::tsServerApplicationCreate(s, path, c_);
+    kyr::tsServerApplicationInit(a);
+    return a;
+  }
+
+  KyrTargetEndpoint* endpoint(kyr::TargetServer* s, const char* name, const char* protocol,
+                              const char* host = "h1", int port = 9080) {
+    KyrTargetEndpoint* tep = kyr::tsEndPointCreate(s, name);
+    EXPECT_TRUE(kyr::tsEndPointSetPropStr(tep, "protocol", protocol));
+    EXPECT_TRUE(kyr::tsEndPointSetPropStr(tep, "host", host));
+    EXPECT_TRUE(kyr::tsEndPointSetPropInt(tep, "port", port));
+    return tep;
+  }
+
+  static std::vector<std::string> routes(json_t* array) {
+    std::vector<std::string> out;
+    size_t i;
+    json_t* v;
+    json_array_foreach(array, i, v) out.emplace_back(json_string_value(v));
+    return out;
+  }
+  std::vector<std::string> addedRoutes() const { return routes(c_->addRoutes); }
+  std::vector<std::string> removedRoutes() const { return routes(c_->delRoutes); }
+
+  static bool printedContains(const std::string& needle) {
+    for (const auto& line : printed()) {
+      if (line.text.find(needle) != std::string::npos) return true;
+    }
+    return false;
+  }
+
+  Kyr* kyr_ = nullptr;
+  KyrConnectorGroup* cg_ = nullptr;
+  KyrConnector* c_ = nullptr;
+  kyr::KyrRoutingInfo ri_{};
+  kyr::TargetSelector* ts_ = nullptr;
+};
+
+}  // namespace kyrtest
