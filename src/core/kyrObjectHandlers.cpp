@@ -2,10 +2,10 @@
 // each row onto the module that owns the object type. Row order is lookup order.
 #include "core/kyrObjectHandlers.h"
 
-#include <array>
 #include <cstring>
 
 #include "core/kyrRoutingData.h"
+#include "core/kyrTargetModelRows.h"
 #include "runtime/kyrLibUtil.h"
 
 namespace kyr {
@@ -31,18 +31,24 @@ bool cellSetPropNull(void* obj, const char* name) { return cellSetPropStr(obj, n
 
 void cellDeleteObject(void* obj) { cellDelete(static_cast<Cell*>(obj)); }
 
-const ObjectHandler kObjectHandlers[] = {
-    {"cell", RoutingInfo, false, cellCreate, cellSetPropStr, nullptr, nullptr, cellSetPropNull,
-     nullptr, cellDeleteObject},
+const ObjectHandler kCellRow = {"cell",   RoutingInfo,     false,   cellCreate,
+                                cellSetPropStr, nullptr, nullptr, cellSetPropNull,
+                                nullptr,       cellDeleteObject};
+
+// Pointers, so rows defined with their modules need no cross-file initialisation order.
+const ObjectHandler* const kObjectHandlers[] = {
+    &kCellRow, &kNodeRow, &kServerRow, &kServerApplicationRow, &kTransportRow, &kClusterRow,
 };
 
-const std::array<RelationshipHandler, 0> kRelationshipHandlers{};
+const RelationshipHandler kRelationshipHandlers[] = {
+    {"cluster:server", linkClusterServer},
+};
 
 }  // namespace
 
 const ObjectHandler* kyrFindObjectHandler(const char* objectType) {
-  for (const ObjectHandler& h : kObjectHandlers) {
-    if (strcmp(h.objectType, objectType) == 0) return &h;
+  for (const ObjectHandler* h : kObjectHandlers) {
+    if (strcmp(h->objectType, objectType) == 0) return h;
   }
   return nullptr;
 }

@@ -8,6 +8,7 @@
 #include "core/kyrObjectHandlers.h"
 #include "core/kyrRoutingData.h"
 #include "runtime/kyrLibUtil.h"
+#include "selection/kyrTargetSelector.h"
 #include "trace/trWrite.h"
 
 namespace kyr {
@@ -18,6 +19,7 @@ void routingInfoDelete(KyrRoutingInfo* ri) {
   // Objects are freed by their owners (selector, mapper); the map frees only its wrappers.
   kyrHashMapSetDestructor(ri->objectMap, objectWrapperFree);
   kyrHashMapDestroy(ri->objectMap);
+  tsDelete(ri->targetSelector);
   if (ri->cell != nullptr) cellDelete(ri->cell);
   kyrDelete(ri);
   kyrReleaseRef(kyr, "kyrRoutingInfoDelete");
@@ -29,6 +31,7 @@ KyrRoutingInfo* kyrRoutingInfoCreate(Kyr* kyr) {
   auto* ri = kyrNew<KyrRoutingInfo>();
   ri->kyr = kyr;
   ri->objectMap = kyrHashMapCreate2(objectWrapperDelete);
+  ri->targetSelector = tsCreate(ri);
   ri->refCount = 1;  // the handle's hold
   kyrObtainRef(kyr, "kyrRoutingInfoCreate");
   return ri;
