@@ -290,6 +290,10 @@ void jsonHandleRelationship(ParseInfo& pi, const RelationshipHandler* h, const c
 }
 
 void jsonHandleRelationships(ParseInfo& pi, json_t* relationships) {
+  if (relationships != nullptr && !json_is_object(relationships)) {
+    trDebug(pi.trCtx, pi.trRec, "skip %s relationships; they are not a JSON object\n", pi.opName);
+    return;
+  }
   const char* key;
   json_t* elements;
   json_object_foreach(relationships, key, elements) {
@@ -305,7 +309,9 @@ void jsonHandleRelationships(ParseInfo& pi, json_t* relationships) {
     }
     char* type1 = kyrStrndup(key, static_cast<size_t>(colon - key));
     const char* type2 = colon + 1;
-    if (json_is_array(elements)) {
+    if (!json_is_array(elements)) {
+      trDebug(pi.trCtx, pi.trRec, "skip relationship %s; its value is not a JSON array\n", key);
+    } else {
       size_t i;
       json_t* element;
       json_array_foreach(elements, i, element) {
@@ -317,7 +323,11 @@ void jsonHandleRelationships(ParseInfo& pi, json_t* relationships) {
 }
 
 void jsonHandleOp(ParseInfo& pi, json_t* operation) {
-  if (!json_is_object(operation)) return;
+  if (operation == nullptr) return;
+  if (!json_is_object(operation)) {
+    trDebug(pi.trCtx, pi.trRec, "skip %s operation; it is not a JSON object\n", pi.opName);
+    return;
+  }
   json_t* objects = json_object_get(operation, "objects");
   json_t* relationships = json_object_get(operation, "relationships");
   // Links go before their objects on delete and after them otherwise.
@@ -387,6 +397,13 @@ int64_t kyrHandleJson(json_t* doc, const char* docText, KyrConnector* c) {
   Kyr* kyr = c->kyr;
   if (doc == nullptr) {
     trLog(kyr->trCtx, kyr->invalidJSON, c->URL, "NULL JSON", "NULL");
+    return -1;
+  }
+  // Anything but an object would otherwise pass as an empty delta and hide a broken publisher.
+  if (!json_is_object(doc)) {
+    trLog(kyr->trCtx, kyr->invalidJSON, c->URL, "document is not a JSON object",
+          docText != nullptr ? docText : "");
+    json_decref(doc);
     return -1;
   }
   trDebug(kyr->trCtx, kyr->jsonReceivedRec, "%s received JSON:\n%s\n",
