@@ -9,6 +9,7 @@
 
 #include "connector/kyrConnectorGroup.h"
 #include "core/kyrHandleProperties.h"
+#include "core/kyrPartitionData.h"
 #include "core/kyrRoutingInfo.h"
 #include "runtime/kyrLibUtil.h"
 #include "trace/trWrite.h"
@@ -94,7 +95,7 @@ void initFields(Kyr* kyr) {
   kyr->routingInfo = kyrRoutingInfoCreate(kyr);
   kyr->endPointRefMap = kyrHashMapCreate2(endPointRefDelete);
   kyr->sappMap = kyrHashMapCreate();
-  kyr->partitionIDData.map = kyrHashMapCreate();
+  kyr->partitionIDData.map = kyrHashMapCreate2(partitionIDDataDelete);
   kyr->partitionIDData.lock = kyrLockCreate("Kyr.partitionIDData.lock");
   kyr->customPropDefaultRequestTraceSpec = nullptr;
   kyr->processType = KYR_STANDALONE_PROCESS;

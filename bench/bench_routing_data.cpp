@@ -1,0 +1,83 @@
+// Applying routing data: a publisher's complete document for a large cell on a fresh handle,
+// and the one-property delta that dominates steady-state traffic. Documents come from the cell
+// generator in tools/ so later model parts grow the same cell.
+#include <benchmark/benchmark.h>
+#include <malloc.h>
+
+#include <string>
+
+#include "cellgen/cellDocument.h"
+#include "connector/kyrConnector.h"
+#include "core/kyrRoutingData.h"
+#include "kyrlib.h"
+
+namespace {
+
+// 1,000 servers: 10 clusters of 100 over 10 nodes, two applications each.
+const kyrtools::CellShape kShape{};
+
+char* noText(EnvHttpContext*) { return nullptr; }
+int noPort(EnvHttpContext*) { return 0; }
+int noSet(EnvHttpContext*, char*, char*) { return 0; }
+char* noCookie(EnvHttpContext*, char*) { return nullptr; }
+void quiet(TrContext*, va_list) {}
+
+EnvCallBacks benchCallbacks() {
+  EnvCallBacks env{};
+  env.version = KYR_ENV_CALLBACKS_VERSION;
+  auto& rq = env.http.request;
+  rq.getProtocol = rq.getVirtualHost = rq.getPath = rq.getClientIpAddr = noText;
+  rq.getProtocolVersion = rq.getClientCertificate = rq.getSSLCipherSuite = noText;
+  rq.getSSLSessionId = rq.getAuthType = rq.getUserName = noText;
+  rq.getVirtualPort = rq.getListeningPort = noPort;
+  rq.setHeaderValue = noSet;
+  rq.getCookieValue = noCookie;
+  env.trace.printf = quiet;
+  return env;
+}
+
+// A handle with one connector group and connector, as a host has after configuration.
+struct Publisher {
+  EnvCallBacks env = benchCallbacks();
+  Kyr* kyr = kyrCreate(&env, nullptr, KYR_TRACE_CATALOGUE);
+  KyrConnector* connector = kyrConnectorCreate(kyrConnectorGroupCreate(kyr, "cg"), "http://p:1");
+  ~Publisher() { kyrDestroy(kyr); }
+
+  void deliver(const std::string& document) {
+    kyr::ControlLockGuard guard("bench");
+    kyrHandleJsonFromRestService(document.c_str(), connector);
+  }
+};
+
+void BM_ApplyCompleteDocument(benchmark::State& state) {
+  const std::string document = kyrtools::completeDocument(kShape);
+  size_t modelBytes = 0;
+  for (auto _ : state) {
+    state.PauseTiming();
+    auto* publisher = new Publisher;
+    size_t before = mallinfo2().uordblks;
+    state.ResumeTiming();
+    publisher->deliver(document);
+    state.PauseTiming();
+    modelBytes = mallinfo2().uordblks - before;
+    delete publisher;
+    state.ResumeTiming();
+  }
+  state.counters["documentBytes"] = static_cast<double>(document.size());
+  state.counters["modelBytes"] = static_cast<double>(modelBytes);
+}
+BENCHMARK(BM_ApplyCompleteDocument)->Unit(benchmark::kMillisecond);
+
+void BM_ApplyDelta(benchmark::State& state) {
+  Publisher publisher;
+  publisher.deliver(kyrtools::completeDocument(kShape));
+  // Alternate so every delta really changes the server (and recomputes its selectability).
+  const std::string deltas[] = {
+      kyrtools::serverPropertyDelta(kShape, 500, "server.maintenancemode", "affinity"),
+      kyrtools::serverPropertyDelta(kShape, 500, "server.maintenancemode", "false")};
+  size_t i = 0;
+  for (auto _ : state) publisher.deliver(deltas[i++ & 1]);
+}
+BENCHMARK(BM_ApplyDelta)->Unit(benchmark::kMicrosecond);
+
+}  // namespace
