@@ -1,19 +1,33 @@
 // Per-cluster partition data on the handle, guarded by the handle's partition lock.
 #include "core/kyrPartitionData.h"
 
+#include "runtime/kyrLibUtil.h"
+
 namespace kyr {
+namespace {
+
+// The map borrows its keys, so each entry carries its own copy of the cluster name.
+struct PartitionEntry {
+  char* clusterName;
+  PartitionIDData* data;
+};
+
+}  // namespace
 
 PartitionIDData* kyrGetPartitionData(Kyr* kyr, const char* clusterName) {
   if (kyr == nullptr || clusterName == nullptr) return nullptr;
-  return static_cast<PartitionIDData*>(kyrHashGet(kyr->partitionIDData.map, clusterName));
+  auto* entry =
+      static_cast<PartitionEntry*>(kyrHashGet(kyr->partitionIDData.map, clusterName));
+  return entry != nullptr ? entry->data : nullptr;
 }
 
 void kyrSetPartitionData(Kyr* kyr, const char* clusterName, PartitionIDData* data) {
   if (kyr == nullptr || clusterName == nullptr || data == nullptr) return;
+  auto* entry = kyrNew<PartitionEntry>(PartitionEntry{kyrStrdup(clusterName), data});
   void* old;
   {
     KyrLockGuard guard(kyr->partitionIDData.lock, "kyrSetPartitionData");
-    old = kyrHashPut(kyr->partitionIDData.map, clusterName, data);
+    old = kyrHashPut(kyr->partitionIDData.map, entry->clusterName, entry);
   }
   partitionIDDataDelete(old);
 }
@@ -24,8 +38,12 @@ void kyrLockPartitionData(Kyr* kyr, const char* who) {
 
 void kyrUnlockPartitionData(Kyr* kyr) { kyrLockRelease(kyr->partitionIDData.lock); }
 
-void partitionIDDataDelete(void* data) {
-  if (data != nullptr) tsPartitionIDDataDelete(static_cast<PartitionIDData*>(data));
+void partitionIDDataDelete(void* p) {
+  auto* entry = static_cast<PartitionEntry*>(p);
+  if (entry == nullptr) return;
+  tsPartitionIDDataDelete(entry->data);
+  kyrFree(entry->clusterName);
+  kyrDelete(entry);
 }
 
 }  // namespace kyr

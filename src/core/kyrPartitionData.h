@@ -14,7 +14,7 @@ PartitionIDData* kyrGetPartitionData(Kyr* kyr, const char* clusterName);
 void kyrSetPartitionData(Kyr* kyr, const char* clusterName, PartitionIDData* data);
 void kyrLockPartitionData(Kyr* kyr, const char* who);
 void kyrUnlockPartitionData(Kyr* kyr);
-// The map's value destructor.
-void partitionIDDataDelete(void* data);
+// The map's value destructor: frees an entry with its data.
+void partitionIDDataDelete(void* entry);
 
 }  // namespace kyr
