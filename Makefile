@@ -6,7 +6,7 @@ APT_PACKAGES := cmake ninja-build g++ pkg-config libjansson-dev libgtest-dev lib
 BUILD ?= build
 CTEST_ARGS ?= --output-on-failure -j2
 
-.PHONY: all deps build test asan tsan bench clean
+.PHONY: all deps build run test asan tsan fuzz bench clean
 
 all: build
 
@@ -16,6 +16,10 @@ deps:
 build: deps
 	cmake -S . -B $(BUILD) -G Ninja
 	cmake --build $(BUILD)
+
+# The main job: a small host creates, starts, stops and destroys a library handle.
+run: build
+	$(BUILD)/examples/minimal_host data/kyr-trace.xml
 
 test: build
 	cd $(BUILD) && ctest $(CTEST_ARGS)
@@ -33,6 +37,20 @@ tsan: deps
 	      -DKYR_BUILD_BENCHMARKS=OFF
 	cmake --build build-tsan
 	cd build-tsan && ctest $(CTEST_ARGS) -R Concurrency
+
+# The rule language under libFuzzer (clang) with ASan+UBSan, for FUZZ_SECONDS, starting from the
+# seed rules in tests/lang/corpus. Any crash, hang or leak fails the run.
+FUZZ_SECONDS ?= 60
+fuzz: deps
+	@./.ci/install-deps clang-14 libclang-rt-14-dev
+	CC=clang-14 CXX=clang++-14 cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=Debug \
+	      -DKYR_SANITIZE=address -DKYR_FUZZ=ON -DKYR_BUILD_BENCHMARKS=OFF
+	cmake --build build-fuzz --target fuzz_lang
+	mkdir -p build-fuzz/corpus-lang
+	build-fuzz/tests/lang/fuzz_lang -max_total_time=$(FUZZ_SECONDS) -max_len=4096 \
+	      build-fuzz/corpus-lang tests/lang/corpus 2>build-fuzz/fuzz.log \
+	  || { tail -50 build-fuzz/fuzz.log; exit 1; }
+	@tail -3 build-fuzz/fuzz.log
 
 bench: build
 	$(BUILD)/bench/kyr_bench

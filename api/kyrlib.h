@@ -243,6 +243,7 @@ KYR_EXPORT int kyrSetDefaultTraceSpec(Kyr* kyr, const char* traceSpec);
  * gives -5 while the handle has no request-trace rule set. */
 KYR_EXPORT int kyrSetTraceSpecification(Kyr* kyr, const char* name, const char* traceSpecStr,
                                         const char* condition);
+/* The default specification, as a new reference the caller releases with trSpecRefRelease. */
 KYR_EXPORT TrSpec* kyrGetTrSpec(Kyr* kyr);
 KYR_EXPORT void kyrSpecLockObtain(Kyr* kyr, const char* who);
 KYR_EXPORT void kyrSpecLockRelease(Kyr* kyr);
@@ -289,6 +290,86 @@ KYR_EXPORT struct json_t* kyrStrToJson(Kyr* kyr, const char* text, const char* s
 KYR_EXPORT int64_t kyrHandleJson(struct json_t* doc, const char* docText, KyrConnector* connector);
 /* Parses a publisher's answer, stamps the connector into it and applies it; -1 on bad JSON. */
 KYR_EXPORT int64_t kyrHandleJsonFromRestService(const char* text, KyrConnector* connector);
+
+/* ---- State report ----------------------------------------------------------------------------
+ * What the library knows now: "applications" and "clusters" of the current routing data,
+ * "version" (the build level) and "connectorGroups". kyrToJSON returns a new reference; the
+ * text forms are allocated with malloc and freed by the caller with free(). The query string
+ * of kyrGetStateInfo is accepted for the host's convenience and not used. */
+KYR_EXPORT struct json_t* kyrToJSON(Kyr* kyr);
+KYR_EXPORT char* kyrToJSONString(Kyr* kyr);
+KYR_EXPORT char* kyrGetStateInfo(Kyr* kyr, const char* queryString);
+
+/* ---- Request contexts ----------------------------------------------------------------------
+ * One context per request: obtain it when the request arrives, ask whether the library routes
+ * it, and release it when the request is done. A context may be used by one thread at a time;
+ * strings it returns belong to it and stay valid until its release. */
+KYR_EXPORT KyrHttpContext* kyrHttpContextObtain(Kyr* kyr, EnvHttpContext* envHttpContext);
+KYR_EXPORT void kyrHttpContextRelease(KyrHttpContext* ctx);
+/* Maps the request once: 1 when the library routes it; 0 not mapped, -1 bad request. */
+KYR_EXPORT int kyrHttpContextShouldHandle(KyrHttpContext* ctx);
+/* The edition the request goes to, or NULL with the reject (404 or 500) set on the context. */
+KYR_EXPORT const char* kyrHttpContextGetApplicationEditionName(KyrHttpContext* ctx);
+KYR_EXPORT void kyrHttpContextSetPermit(KyrHttpContext* ctx, const char* editionName,
+                                        Boolean sticky);
+KYR_EXPORT void kyrHttpContextSetReject(KyrHttpContext* ctx, int errorCode, const char* errorMsg);
+KYR_EXPORT void kyrHttpContextSetRedirect(KyrHttpContext* ctx, const char* url);
+/* 0 when the host resumed the suspended request, -1 when it could not, 1 when not suspended. */
+KYR_EXPORT int kyrHttpContextCancelRequest(KyrHttpContext* ctx);
+/* protocol://virtualHost:virtualPort/path, built once from the host's callbacks. */
+KYR_EXPORT const char* kyrHttpContextGetURL(KyrHttpContext* ctx);
+/* The state's constant name, "UNKNOWN" for anything else. */
+KYR_EXPORT const char* kyrHttpContextStateToString(KyrHttpContextState state);
+
+KYR_EXPORT EnvHttpContext* kyrHttpContextGetEnvContext(KyrHttpContext* ctx);
+KYR_EXPORT Kyr* kyrHttpContextGetKyr(KyrHttpContext* ctx);
+KYR_EXPORT TrContext* kyrHttpContextGetTrContext(KyrHttpContext* ctx);
+KYR_EXPORT const char* kyrHttpContextGetProtocol(KyrHttpContext* ctx);
+KYR_EXPORT const char* kyrHttpContextGetVirtualHost(KyrHttpContext* ctx);
+KYR_EXPORT int kyrHttpContextGetVirtualPort(KyrHttpContext* ctx);
+KYR_EXPORT const char* kyrHttpContextGetPath(KyrHttpContext* ctx);
+/* Setters store a copy; NULL clears. */
+KYR_EXPORT const char* kyrHttpContextGetApplicationName(KyrHttpContext* ctx);
+KYR_EXPORT void kyrHttpContextSetApplicationName(KyrHttpContext* ctx, const char* name);
+KYR_EXPORT const char* kyrHttpContextGetModuleName(KyrHttpContext* ctx);
+KYR_EXPORT void kyrHttpContextSetModuleName(KyrHttpContext* ctx, const char* name);
+KYR_EXPORT const char* kyrHttpContextGetMatchedVHostName(KyrHttpContext* ctx);
+KYR_EXPORT void kyrHttpContextSetMatchedVHostName(KyrHttpContext* ctx, const char* name);
+KYR_EXPORT void kyrHttpContextSetEditionName(KyrHttpContext* ctx, const char* name);
+KYR_EXPORT void kyrHttpContextSetContextRoot(KyrHttpContext* ctx, const char* contextRoot);
+KYR_EXPORT KyrTargetEndpoint* kyrHttpContextGetMyTargetEndPoint(KyrHttpContext* ctx);
+KYR_EXPORT KyrAction kyrHttpContextGetAction(KyrHttpContext* ctx);
+KYR_EXPORT int kyrHttpContextGetErrorCode(KyrHttpContext* ctx);
+KYR_EXPORT const char* kyrHttpContextGetRedirectURL(KyrHttpContext* ctx);
+KYR_EXPORT KyrHttpContextState kyrHttpContextGetState(KyrHttpContext* ctx);
+KYR_EXPORT int kyrHttpContextGetSubState(KyrHttpContext* ctx);
+KYR_EXPORT const char* kyrHttpContextGetMessage(KyrHttpContext* ctx);
+KYR_EXPORT int kyrHttpContextGetNumOfResponseTimeouts(KyrHttpContext* ctx);
+KYR_EXPORT KyrSSLMapMode kyrHttpContextGetSSLMapMode(KyrHttpContext* ctx);
+KYR_EXPORT void kyrHttpContextSetSSLMapMode(KyrHttpContext* ctx, KyrSSLMapMode mode);
+KYR_EXPORT void kyrHttpContextSetPerformedLoadBalancing(KyrHttpContext* ctx, Boolean performed);
+/* The endpoint to forward the request to, chosen once and returned again until a failure is
+ * reported; NULL when the request cannot be routed (a reject is then set, except when the
+ * request has used up its endpoints). */
+KYR_EXPORT KyrTargetEndpoint* kyrHttpContextGetTargetEndpoint(KyrHttpContext* ctx);
+/* Retries the target choice once a second while the application is rolled out (at most
+ * "MaxSecondsToWaitDuringAtomicRollout" seconds, once per request). Sleeps. */
+KYR_EXPORT KyrTargetEndpoint* kyrHttpContextWaitForRollout(KyrHttpContext* ctx);
+/* The host's progress reports. After CONNECT_FAILURE, REQUEST_SEND_ERROR, RESPONSE_READ_ERROR
+ * or RESPONSE_TIMEOUT the next kyrHttpContextGetTargetEndpoint chooses another server;
+ * RESPONSE_ARRIVED runs the response processing. msg is not copied. */
+KYR_EXPORT void kyrHttpContextSetState(KyrHttpContext* ctx, KyrHttpContextState state,
+                                       int subState, const char* msg);
+KYR_EXPORT void kyrHttpContextResetMyTargetInfo(KyrHttpContext* ctx);
+/* The name of the chosen endpoint's server, or NULL. */
+KYR_EXPORT const char* kyrHttpContextGetTargetEndpointServerName(KyrHttpContext* ctx);
+/* Adds the private request headers for the chosen target, once per request. Returns 0. */
+KYR_EXPORT int kyrHttpContextAddPrivateHeaders(KyrHttpContext* ctx);
+/* Takes the partition table out of the response and sets the affinity cookies. Returns 0. */
+KYR_EXPORT int kyrHttpContextPerformResponseProcessing(KyrHttpContext* ctx);
+/* Tells the server that the request's session affinity was broken ("$ZQFO"); the host's
+ * result. */
+KYR_EXPORT int kyrHttpContextBreakAffinity(KyrHttpContext* ctx);
 
 /* ---- Target endpoints ----------------------------------------------------------------------
  * The endpoint a request was routed to. Server-level values are read through the endpoint's

@@ -6,6 +6,7 @@
 
 #include <string>
 
+#include "benchHost.h"
 #include "cellgen/cellDocument.h"
 #include "connector/kyrConnector.h"
 #include "core/kyrRoutingData.h"
@@ -16,29 +17,9 @@ namespace {
 // 1,000 servers: 10 clusters of 100 over 10 nodes, two applications each.
 const kyrtools::CellShape kShape{};
 
-char* noText(EnvHttpContext*) { return nullptr; }
-int noPort(EnvHttpContext*) { return 0; }
-int noSet(EnvHttpContext*, char*, char*) { return 0; }
-char* noCookie(EnvHttpContext*, char*) { return nullptr; }
-void quiet(TrContext*, va_list) {}
-
-EnvCallBacks benchCallbacks() {
-  EnvCallBacks env{};
-  env.version = KYR_ENV_CALLBACKS_VERSION;
-  auto& rq = env.http.request;
-  rq.getProtocol = rq.getVirtualHost = rq.getPath = rq.getClientIpAddr = noText;
-  rq.getProtocolVersion = rq.getClientCertificate = rq.getSSLCipherSuite = noText;
-  rq.getSSLSessionId = rq.getAuthType = rq.getUserName = noText;
-  rq.getVirtualPort = rq.getListeningPort = noPort;
-  rq.setHeaderValue = noSet;
-  rq.getCookieValue = noCookie;
-  env.trace.printf = quiet;
-  return env;
-}
-
 // A handle with one connector group and connector, as a host has after configuration.
 struct Publisher {
-  EnvCallBacks env = benchCallbacks();
+  EnvCallBacks env = kyrbench::quietCallbacks();
   Kyr* kyr = kyrCreate(&env, nullptr, KYR_TRACE_CATALOGUE);
   KyrConnector* connector = kyrConnectorCreate(kyrConnectorGroupCreate(kyr, "cg"), "http://p:1");
   ~Publisher() { kyrDestroy(kyr); }

@@ -3,6 +3,8 @@
 // list; the handle derives its own state from the states of its groups.
 #pragma once
 
+#include <jansson.h>
+
 #include <atomic>
 
 #include "kyrlib.h"
@@ -51,5 +53,9 @@ void kyrConnectorGroupReleaseRef(KyrConnectorGroup* cg, const char* reason);
 void kyrAddConnectorGroup(Kyr* kyr, KyrConnectorGroup* cg);
 // Rebuilds restURI from uri, the group's name and the handle's server name.
 void kyrConnectorGroupUpdateRestURI(KyrConnectorGroup* cg);
+
+// The group and its connectors for the state report; the caller holds the control lock.
+json_t* kyrConnectorGroupToJSON(KyrConnectorGroup* cg);
+json_t* kyrConnectorToJSON(KyrConnector* c);
 
 }  // namespace kyr

@@ -11,6 +11,7 @@
 #include "core/kyrHandleProperties.h"
 #include "core/kyrPartitionData.h"
 #include "core/kyrRoutingInfo.h"
+#include "request/kyrHttpContext.h"
 #include "runtime/kyrLibUtil.h"
 #include "trace/trWrite.h"
 
@@ -87,13 +88,14 @@ void initFields(Kyr* kyr) {
   kyr->defaultProps = kyrHashMapCreate2(free);
   kyr->serverProps = kyrHashMapCreate2(free);
   kyr->maxHttpContextPoolSize = -1;
-  kyr->contextPool = kyrListCreate(nullptr);
+  kyr->contextPool = kyrListCreate(kyrHttpContextDelete);
   kyr->contextPoolLock = kyrLockCreate("Kyr.contextPoolLock");
   kyr->targetEndpoint = nullptr;
   kyr->maxTargetEndpointsPerRequest = 9999;
   kyr->routingInfoLock = kyrLockCreate("Kyr.routingInfoLock");
   kyr->routingInfo = kyrRoutingInfoCreate(kyr);
   kyr->endPointRefMap = kyrHashMapCreate2(endPointRefDelete);
+  kyr->endPointRefLock = kyrLockCreate("Kyr.endPointRefLock");
   kyr->sappMap = kyrHashMapCreate();
   kyr->partitionIDData.map = kyrHashMapCreate2(partitionIDDataDelete);
   kyr->partitionIDData.lock = kyrLockCreate("Kyr.partitionIDData.lock");
@@ -106,11 +108,16 @@ void initFields(Kyr* kyr) {
   kyr->maxElapsedTimePerRequestInMillis = static_cast<KyrTime>(-1);
 }
 
-// Everything the handle owns, in release order; safe on a partly built handle.
-void freeHandle(Kyr* kyr) {
+}  // namespace
+
+// Everything the handle owns, in release order; safe on a partly built handle. The current
+// routing version is not among them: it holds a reference of its own, so kyrDestroy2 has
+// released it before the count can reach zero.
+void kyrHandleFree(Kyr* kyr) {
   kyrListDestroy(kyr->contextPool);
   kyrListDestroy(kyr->connectorGroupList);
   kyrHashMapDestroy(kyr->endPointRefMap);
+  kyrLockDestroy(kyr->endPointRefLock);
   kyrHashMapDestroy(kyr->sappMap);
   if (kyr->props != nullptr) kyrHashMapSetDestructor(kyr->props->map, free);
   kyrPropertiesDelete(kyr->props);
@@ -134,7 +141,6 @@ void freeHandle(Kyr* kyr) {
   kyrDelete(kyr);
 }
 
-}  // namespace
 }  // namespace kyr
 
 using namespace kyr;
@@ -191,7 +197,8 @@ Kyr* kyrCreate(EnvCallBacks* env, FILE* fp, const char* path) {
   kyrSetServerName(kyr, "kyrlib");
   if (!kyrAsyncWorkStart(kyr)) {
     fprintf(stderr, "ERROR: failed to start the asynchronous work thread in kyrCreate\n");
-    kyr::freeHandle(kyr);
+    kyrRoutingInfoRelease(kyr->routingInfo);  // drops the version's reference on the handle
+    kyrHandleFree(kyr);
     return nullptr;
   }
   return kyr;
@@ -207,7 +214,7 @@ void kyrReleaseRef(Kyr* kyr, const char* reason) {
   int count = --kyr->refcnt;
   trTrace(kyr->trCtx, kyr->processRec, TR_LEVEL_DEBUG,
           "Released reference to kyr, refcnt: %d, reason: %s\n", count, reason);
-  if (count < 1) kyr::freeHandle(kyr);
+  if (count < 1 && kyrAsyncWorkReadyForFree(kyr)) kyrHandleFree(kyr);
 }
 
 }  // extern "C"

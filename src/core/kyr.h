@@ -57,7 +57,10 @@ struct _Kyr {
   kyr::KyrLock* routingInfoLock;  // guards routingInfo, newRoutingInfo and version refcounts
   kyr::KyrRoutingInfo* routingInfo;
   kyr::KyrRoutingInfo* newRoutingInfo;
-  kyr::KyrHashMap* endPointRefMap;  // endpoint name -> EndPointRef; used under the model's lock
+  // Endpoint name -> EndPointRef. Guarded by endPointRefLock: the target selectors of several
+  // routing versions, each under its own lock, obtain and release host objects concurrently.
+  kyr::KyrHashMap* endPointRefMap;
+  kyr::KyrLock* endPointRefLock;  // guards endPointRefMap and the counts of its references
   kyr::KyrHashMap* sappMap;
   kyr::KyrPartitionIDData partitionIDData;
   TrMgr* trMgr;
@@ -91,15 +94,21 @@ struct _Kyr {
   char* serverPath;
   char* cellPath;
   kyr::HealthMonitor* healthMonitor;
-  kyr::KyrCondition* asyncWorkCondition;  // its lock guards asyncWorkQueue and the two flags
+  kyr::KyrCondition* asyncWorkCondition;  // its lock guards asyncWorkQueue and the handshakes
   kyr::KyrList* asyncWorkQueue;           // of KyrAsyncWork, first in first out
   kyr::KyrThread* asyncWorkThread;
   json_t* controlState;  // owned reference; NULL unless a server process sent one
   Boolean privateHeadersDisabled;
   kyr::KyrTime maxElapsedTimePerRequestInMillis;
-  // Worker shutdown handshake: kyrDestroy2 raises the first, the worker answers with the second.
+  // Worker start and shutdown handshakes: the worker raises the first once it runs; kyrDestroy2
+  // raises the second, and the worker answers with the third once the queue is empty and it
+  // will touch the handle no more.
+  bool asyncWorkStarted;
   bool asyncWorkStopRequested;
   bool asyncWorkStopped;
+  // Set when the last reference went on the worker thread itself (a work item destroyed the
+  // handle): the worker frees the handle as its own last step. Only the worker touches it.
+  bool asyncWorkFreesHandle;
 };
 
 namespace kyr {
@@ -122,6 +131,9 @@ int kyrStop2(Kyr* kyr);
 void kyrDestroy2(Kyr* kyr);
 void kyrSetState(Kyr* kyr, KyrComponentState state, const char* reason);
 
+// Frees the handle and everything it still owns; only for the holder of its last reference.
+void kyrHandleFree(Kyr* kyr);
+
 // Cell-level custom property from the routing data (the cell object's "cp." properties).
 void kyrCellSetPropStr(Kyr* kyr, const char* cellName, const char* name, const char* value);
 
@@ -133,7 +145,8 @@ HealthMonitor* kyrGetHealthMonitor(Kyr* kyr);
 KyrServerProcess* kyrGetServerProcess(Kyr* kyr);
 
 // Host endpoint objects shared by every endpoint of the same name: the first obtain asks the
-// host to create one, the last release hands it back. NULL when the host gives none.
+// host to create one, the last release hands it back. NULL when the host gives none. Any thread
+// may call them; endPointRefLock is taken inside.
 EnvTargetEndpoint* endPointRefObtain(Kyr* kyr, const char* name, KyrTargetEndpoint* endpoint);
 void endPointRefRelease(Kyr* kyr, const char* name);
 void endPointRefDelete(void* ref);
@@ -141,7 +154,12 @@ void endPointRefDelete(void* ref);
 // The worker thread: queued items run on it one at a time, in queue order.
 void kyrProcessAsync(Kyr* kyr, void* obj, AsyncCallbackFcn handler);
 bool kyrAsyncWorkStart(Kyr* kyr);
+// Ends the worker once everything queued has run. Called by kyrDestroy2 with the control lock
+// held, which is released while waiting; on the worker itself it only asks and returns.
 void kyrAsyncWorkStop(Kyr* kyr);
+// Called by the last release before the handle is freed. Waits until the worker has ended and
+// returns true; on the worker thread returns false, and the worker frees the handle itself.
+bool kyrAsyncWorkReadyForFree(Kyr* kyr);
 void kyrAsyncWorkDelete(void* item);
 
 }  // namespace kyr

@@ -1,6 +1,9 @@
 // Host objects for target endpoints. The host creates one object per endpoint name, however
 // many routing versions hold an endpoint of that name; the handle counts the holders and hands
-// the object back to the host when the last one lets go.
+// the object back to the host when the last one lets go. Versions are built and torn down under
+// their own selectors' locks, so the map has a lock of its own (endPointRefLock). The host's
+// create and delete run under it too: a host sees at most one object per name at any time,
+// and never a create of a name overtaking the delete of its predecessor.
 #include "core/kyr.h"
 #include "runtime/kyrLibUtil.h"
 #include "trace/trWrite.h"
@@ -18,6 +21,7 @@ struct EndPointRef {
 }  // namespace
 
 EnvTargetEndpoint* endPointRefObtain(Kyr* kyr, const char* name, KyrTargetEndpoint* endpoint) {
+  KyrLockGuard guard(kyr->endPointRefLock, "envTargetEndPointObtainRef");
   auto* ref = static_cast<EndPointRef*>(kyrHashGet(kyr->endPointRefMap, name));
   if (ref == nullptr) {
     if (kyr->env.targetEndpoint.create == nullptr) return nullptr;
@@ -34,6 +38,7 @@ EnvTargetEndpoint* endPointRefObtain(Kyr* kyr, const char* name, KyrTargetEndpoi
 }
 
 void endPointRefRelease(Kyr* kyr, const char* name) {
+  KyrLockGuard guard(kyr->endPointRefLock, "envTargetEndPointReleaseRef");
   auto* ref = static_cast<EndPointRef*>(kyrHashGet(kyr->endPointRefMap, name));
   if (ref == nullptr) return;
   --ref->refcnt;

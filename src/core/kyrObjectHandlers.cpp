@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "core/kyrRoutingData.h"
+#include "core/kyrMappingRows.h"
 #include "core/kyrTargetModelRows.h"
 #include "runtime/kyrLibUtil.h"
 
@@ -37,11 +38,16 @@ const ObjectHandler kCellRow = {"cell",   RoutingInfo,     false,   cellCreate,
 
 // Pointers, so rows defined with their modules need no cross-file initialisation order.
 const ObjectHandler* const kObjectHandlers[] = {
-    &kCellRow, &kNodeRow, &kServerRow, &kServerApplicationRow, &kTransportRow, &kClusterRow,
+    &kCellRow,        &kNodeRow,      &kServerRow,     &kServerApplicationRow,
+    &kTransportRow,   &kClusterRow,   &kApplicationRow, &kWebModuleRow,
+    &kUriRow,         &kVHostGroupRow, &kVHostRow,
 };
 
 const RelationshipHandler kRelationshipHandlers[] = {
     {"cluster:server", linkClusterServer},
+    {"cluster:webModule", linkClusterWebModule},
+    {"vHostGroup:webModule", linkVHostGroupWebModule},
+    {"server:webModule", linkServerWebModule},
 };
 
 }  // namespace

@@ -28,6 +28,20 @@ struct ObjectHandler {
   void (*delete_)(void* obj);
 };
 
+// Row adapters: turn `R F(T*, A...)` into `R call(void*, A...)`, the shape the reader calls.
+template <auto F>
+struct Untyped;
+template <typename R, typename T, typename... A, R (*F)(T*, A...)>
+struct Untyped<F> {
+  static R call(void* obj, A... args) { return F(static_cast<T*>(obj), args...); }
+};
+
+// For init functions whose result only their module's own callers need.
+template <auto F>
+void initIgnoringResult(void* obj) {
+  Untyped<F>::call(obj);
+}
+
 struct RelationshipHandler {
   const char* relationshipName;
   void (*link)(void* a, void* b, bool add);

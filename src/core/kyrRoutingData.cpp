@@ -336,6 +336,25 @@ void jsonHandleOp(ParseInfo& pi, json_t* operation) {
   if (pi.op != DelOp) jsonHandleRelationships(pi, relationships);
 }
 
+// A document's text as it arrived, or written out from the document when the caller had none.
+class DocumentText {
+ public:
+  DocumentText(json_t* doc, const char* given) : doc_(doc), given_(given) {}
+  ~DocumentText() { free(written_); }
+  DocumentText(const DocumentText&) = delete;
+  DocumentText& operator=(const DocumentText&) = delete;
+  const char* get() {
+    if (given_ != nullptr) return given_;
+    if (written_ == nullptr) written_ = json_dumps(doc_, 0);
+    return written_ != nullptr ? written_ : "";
+  }
+
+ private:
+  json_t* doc_;
+  const char* given_;
+  char* written_ = nullptr;
+};
+
 int64_t jsonHandle(ParseInfo& pi, json_t* doc) {
   if (doc == nullptr) return -1;
   int64_t version = integerOr(doc, "version", -1);
@@ -401,13 +420,19 @@ int64_t kyrHandleJson(json_t* doc, const char* docText, KyrConnector* c) {
   }
   // Anything but an object would otherwise pass as an empty delta and hide a broken publisher.
   if (!json_is_object(doc)) {
-    trLog(kyr->trCtx, kyr->invalidJSON, c->URL, "document is not a JSON object",
-          docText != nullptr ? docText : "");
+    if (trContextLogEnabled(kyr->trCtx, kyr->invalidJSON)) {
+      DocumentText text(doc, docText);
+      trContextLog(kyr->trCtx, kyr->invalidJSON, c->URL, "document is not a JSON object",
+                   text.get());
+    }
     json_decref(doc);
     return -1;
   }
-  trDebug(kyr->trCtx, kyr->jsonReceivedRec, "%s received JSON:\n%s\n",
-          kyrGetProcessTypeName(kyr->processType), docText != nullptr ? docText : "");
+  if (trContextLogEnabled(kyr->trCtx, kyr->jsonReceivedRec)) {
+    DocumentText text(doc, docText);
+    trContextDebug(kyr->trCtx, kyr->jsonReceivedRec, "%s received JSON:\n%s\n",
+                   kyrGetProcessTypeName(kyr->processType), text.get());
+  }
   // A document without "delta" is deliberately handled as a delta.
   bool isDelta = !json_is_false(json_object_get(doc, "delta"));
   trDebug(kyr->trCtx, kyr->processRec, isDelta ? "JSON is delta\n" : "JSON is complete\n");
@@ -465,14 +490,9 @@ int64_t kyrHandleJsonFromRestService(const char* text, KyrConnector* c) {
   // The connector's identity travels with the document, so a client process can find it.
   json_object_set_new(doc, "connectorGroupName", json_string(c->cg->name));
   json_object_set_new(doc, "connectorURL", json_string(c->URL));
-  char* stamped = json_dumps(doc, 0);
-  if (stamped == nullptr) {
-    json_decref(doc);
-    return -1;
-  }
-  int64_t version = kyrHandleJson(doc, stamped, c);
-  free(stamped);
-  return version;
+  // The stamped text is written out only where it is read (trace, other processes): for a
+  // large cell it costs as much as building the model.
+  return kyrHandleJson(doc, nullptr, c);
 }
 
 }  // extern "C"

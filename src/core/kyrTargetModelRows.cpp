@@ -15,20 +15,6 @@
 namespace kyr {
 namespace {
 
-// Turns `R F(T*, A...)` into `R call(void*, A...)`, the shape the reader calls.
-template <auto F>
-struct Untyped;
-template <typename R, typename T, typename... A, R (*F)(T*, A...)>
-struct Untyped<F> {
-  static R call(void* obj, A... args) { return F(static_cast<T*>(obj), args...); }
-};
-
-// Init functions whose result only the selector's own callers need.
-template <auto F>
-void initIgnoringResult(void* obj) {
-  Untyped<F>::call(obj);
-}
-
 TargetSelector* selectorOf(KyrRoutingInfo* ri) { return kyrRoutingInfoGetTargetSelector(ri); }
 
 void* nodeCreate(void*, const char* fullName, KyrConnector*, KyrRoutingInfo* ri) {

@@ -52,6 +52,7 @@ int kyrSetTraceSpecification(Kyr* kyr, const char* name, const char* traceSpecSt
   return -5;
 }
 
+// A new reference, as trContextGetSpec hands out: the caller releases it.
 TrSpec* kyrGetTrSpec(Kyr* kyr) { return trContextGetSpec(kyr->trCtx); }
 
 void kyrSpecLockObtain(Kyr* kyr, const char* who) { kyrLockObtain(kyr->trSpecLock, who); }

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "connector/kyrConnector.h"
+#include "mapping/kyrRequestMapper.h"
 #include "runtime/kyrLibUtil.h"
 #include "runtime/kyrUtil.h"
 #include "selection/kyrTargetSelector.h"
@@ -315,6 +316,12 @@ bool tsLinkServerToWebModuleByName(TargetServer* server, const char* moduleName,
     if (vc != nullptr && sapp != nullptr) virtualClusterRemove(vc, sapp);
   }
   return true;
+}
+
+bool tsLinkServerToWebModule(TargetServer* server, WebModule* webModule, bool add) {
+  if (webModule == nullptr) return false;
+  return tsLinkServerToWebModuleByName(server, rmWebModuleGetName(webModule),
+                                       rmWebModuleGetAppSimpleName(webModule), add);
 }
 
 }  // namespace kyr

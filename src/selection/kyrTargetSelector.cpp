@@ -119,7 +119,10 @@ void tsDelete(TargetSelector* ts) {
   if (ts == nullptr) return;
   {
     KyrLockGuard guard(ts->lock, "tsDelete");
-    // Children first: each free unlinks itself from parents that are still there.
+    // Virtual clusters go first: they only borrow their server applications, and an
+    // application freed while they exist would search every one of them.
+    kyrHashMapClean(ts->virtualClusterMap);
+    // Children next: each free unlinks itself from parents that are still there.
     freeUntilEmpty(ts->allSapps, sappDestroy);
     freeUntilEmpty(ts->allEndPoints, endPointDestroy);
     freeUntilEmpty(ts->allServers, serverDestroy);

@@ -7,10 +7,14 @@
 // Implementation files: kyrTargetSelector.cpp (selector, nodes, clusters, partition data),
 // kyrTargetServer.cpp (servers, state, back-off), kyrServerApplication.cpp (server applications
 // and virtual clusters), kyrTargetEndpoint.cpp (endpoints and their host objects),
-// kyrTargetSelectorJson.cpp (state dumps).
+// kyrTargetSelectorJson.cpp (state dumps); target selection for one request in
+// kyrTargetSelect.cpp (tsSelect, endpoints, protocol maps), kyrAffinity.cpp (affinity policies,
+// session and clone IDs) and kyrLoadBalance.cpp (load balancing, completion, request references).
 #pragma once
 
 #include <jansson.h>
+
+#include <string>
 
 #include "kyrlib.h"
 #include "runtime/kyrHash.h"
@@ -263,6 +267,7 @@ bool tsLinkClusterServer(Cluster* cluster, TargetServer* server, bool add);
 // retried when that application becomes routable.
 bool tsLinkServerToWebModuleByName(TargetServer* server, const char* moduleName,
                                    const char* appName, bool add);
+bool tsLinkServerToWebModule(TargetServer* server, WebModule* webModule, bool add);
 bool tsLinkVirtualClusterToCluster(VirtualCluster* vc, Cluster* cluster, bool add);
 
 // ---- Partition data ------------------------------------------------------------------------
@@ -288,6 +293,48 @@ void tsEndPointObtainRef(KyrTargetEndpoint* tep);
 void tsEndPointReleaseRef(KyrTargetEndpoint* tep);
 void serverRecomputeSelectability(TargetServer* server);
 void sappRecomputeSelectability(TargetServerApplication* sapp);
+
+// ---- Target selection for one request -----------------------------------------------------
+// The endpoint for the request, or null with a reject (status and reason) on the context. Takes
+// the selector lock itself.
+KyrTargetEndpoint* tsSelect(TargetSelector* ts, KyrHttpContext* ctx);
+// The outbound protocol index for an inbound one under an SSL map mode.
+int mapProtocol(int inboundIndex, KyrSSLMapMode mode);
+// Releases the references the context's target holds and clears the target in the context.
+// Takes the selector lock.
+void tsTargetInfoDecrementRefCnt(KyrHttpContext* ctx);
+// Request completion: gives back the outstanding count and feeds the server's calculators.
+// Returns the application's remaining count. Takes the selector lock.
+int tsServerApplicationDecrementOutstandingRequestCount(KyrHttpContext* ctx,
+                                                        TargetServerApplication* sapp,
+                                                        KyrTime now, KyrTime serviceTime,
+                                                        bool timeout);
+
+// The steps of a selection; each expects the selector lock held.
+KyrTargetEndpoint* selectEndpoint(KyrHttpContext* ctx, TargetSelector* ts, KyrList* endpoints);
+HttpAffinityPolicy* virtualClusterGetAffinityPolicy(VirtualCluster* vc);
+HttpAffinityPolicy* getAffinityPolicy(TargetSelector* ts, WebModule* webModule, Cluster* cluster);
+HttpAffinityPolicy* getDefaultPolicy(TargetSelector* ts, WebModule* webModule);
+const char* getCloneIDSeparator(Cluster* cluster);
+// The server application that the request's session cookie or "jsessionid" path parameter
+// names, or null; `reason` collects why each clone ID found could not be used.
+TargetServerApplication* getAffinityTargetServerApplication(KyrHttpContext* ctx,
+                                                            VirtualCluster* vc,
+                                                            const char* appName, KyrTime now,
+                                                            std::string* reason);
+// The session ID after the path parameter `name` (also tried in upper and lower case): a
+// pointer into the host's path, or null.
+const char* getSessionIdFromUrl(TargetSelector* ts, KyrHttpContext* ctx, const char* name);
+TargetServerApplication* getAffinitySappFromSid(KyrHttpContext* ctx, VirtualCluster* vc,
+                                                const char* appName, const char* sid,
+                                                const char* delimiter, KyrTime now,
+                                                std::string* reason);
+// The text saying why the server takes no more requests, or empty while it is below its limit.
+std::string checkIfMaxConnectionsExceeded(TargetServer* server);
+TargetServerApplication* wlorLoadBalance(VirtualCluster* vc, TargetSelector* ts, KyrTime now,
+                                         KyrHttpContext* ctx);
+// One reference each on the application, the endpoint, the server, its node and its cluster.
+void tsTargetInfoIncrementRefCnt(TargetServerApplication* sapp, KyrTargetEndpoint* tep);
 
 // ---- State dumps ---------------------------------------------------------------------------
 // tsToJSON takes the selector lock; the others expect it held. New references.

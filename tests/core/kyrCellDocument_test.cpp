@@ -4,8 +4,6 @@
 // every shape leave the model as it was.
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "connector/kyrConnector.h"
@@ -15,33 +13,21 @@
 #include "runtime/kyrTime.h"
 #include "selection/kyrTargetSelector.h"
 #include "support/kyrTestHost.h"
+#include "support/testData.h"
 #include "trace/traceTestUtil.h"
 
 namespace {
 
 using kyrtest::printed;
+using kyrtest::printedContains;
 
 constexpr const char* kCell = "/cell/shop";
 constexpr const char* kS1 = "/cell/shop/node/n1/server/s1";
 constexpr const char* kS3 = "/cell/shop/node/n2/server/s3";
 
-std::string readData(const char* file) {
-  std::ifstream in(std::string(KYR_TEST_DATA_DIR) + "/" + file);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 // The index-th child object of a document object.
 json_t* child(json_t* object, size_t index) {
   return json_array_get(json_object_get(object, "objects"), index);
-}
-
-bool printedContains(const std::string& needle) {
-  for (const auto& line : printed()) {
-    if (line.text.find(needle) != std::string::npos) return true;
-  }
-  return false;
 }
 
 class CellDocument : public ::testing::Test {
@@ -55,7 +41,7 @@ class CellDocument : public ::testing::Test {
     ASSERT_EQ(kyrSetDefaultTraceSpec(kyr_, ":NOTICE,control:DEBUG"), 0);
     cg_ = kyrConnectorGroupCreate(kyr_, "cg1");
     c_ = kyrConnectorCreate(cg_, "http://publisher:9080");
-    ASSERT_EQ(apply(readData("cell-small.json")), 10);
+    ASSERT_EQ(apply(kyrtest::readTestData("cell-small.json")), 10);
     printed().clear();
   }
   void TearDown() override { kyrDestroy(kyr_); }
@@ -163,7 +149,7 @@ TEST_F(CellDocument, StoredDocumentAfterDeltasEqualsWhatAPublisherWouldSendCompl
 
   // The same cell as a publisher would now send it whole.
   json_error_t error;
-  json_t* expected = json_loads(readData("cell-small.json").c_str(), 0, &error);
+  json_t* expected = json_loads(kyrtest::readTestData("cell-small.json").c_str(), 0, &error);
   ASSERT_NE(expected, nullptr);
   json_object_set_new(expected, "version", json_integer(13));
   json_t* cell = json_array_get(json_object_get(json_object_get(expected, "add"), "objects"), 0);

@@ -16,6 +16,7 @@
 namespace {
 
 using kyrtest::printed;
+using kyrtest::printedContains;
 
 json_t* parse(const char* text) {
   json_error_t error;
@@ -29,13 +30,6 @@ std::string dump(json_t* json) {
   std::string s = text != nullptr ? text : "null";
   free(text);
   return s;
-}
-
-bool printedContains(const std::string& needle) {
-  for (const auto& line : printed()) {
-    if (line.text.find(needle) != std::string::npos) return true;
-  }
-  return false;
 }
 
 class RoutingData : public ::testing::Test {

@@ -150,10 +150,7 @@ class TargetModel : public ::testing::Test {
   std::vector<std::string> removedRoutes() const { return routes(c_->delRoutes); }
 
   static bool printedContains(const std::string& needle) {
-    for (const auto& line : printed()) {
-      if (line.text.find(needle) != std::string::npos) return true;
-    }
-    return false;
+    return kyrtest::printedContains(needle);
   }
 
   Kyr* kyr_ = nullptr;

@@ -71,6 +71,14 @@ inline void capturePrintf(TrContext* context, va_list args) {
   printed().push_back(line);
 }
 
+// Whether any printed line contains the text.
+inline bool printedContains(const std::string& needle) {
+  for (const auto& line : printed()) {
+    if (line.text.find(needle) != std::string::npos) return true;
+  }
+  return false;
+}
+
 // For death tests: from here on, standard output goes where the death test looks.
 inline void stdoutToStderr() {
   fflush(stdout);

@@ -44,7 +44,62 @@ std::string nodeName(const CellShape& shape, int server) {
   return "/node/n" + std::to_string(server % shape.nodes);
 }
 
+json_t* withProp(json_t* object, const char* name, json_t* value) {
+  json_t* props = json_object_get(object, "props");
+  if (props == nullptr) {
+    props = json_object();
+    json_object_set_new(object, "props", props);
+  }
+  json_object_set_new(props, name, value);
+  return object;
+}
+
+json_t* link(const char* type1, const std::string& name1, const char* type2,
+             const std::string& name2) {
+  json_t* l = json_object();
+  json_object_set_new(l, type1, json_string(name1.c_str()));
+  json_object_set_new(l, type2, json_string(name2.c_str()));
+  return l;
+}
+
+std::string escaped(const std::string& uri) {
+  std::string out;
+  for (char c : uri) {
+    if (c == '/') out += '\\';
+    out += c;
+  }
+  return out;
+}
+
+// Prefix, suffix and exact patterns in realistic proportions.
+std::string uriPattern(int k) {
+  switch (k % 5) {
+    case 0:
+      return "/*";
+    case 1:
+      return "*.jsp";
+    case 2:
+      return "/static/res" + std::to_string(k) + "/*";
+    default:
+      return "/api/v1/item" + std::to_string(k);
+  }
+}
+
+std::string appName(const CellShape& shape, int app) {
+  return "/cell/" + shape.cell + "/application/app" + std::to_string(app);
+}
+
+std::string moduleName(const CellShape& shape, int app, int module) {
+  return appName(shape, app) + "/webModule/mod" + std::to_string(module) + ".war";
+}
+
 }  // namespace
+
+std::string contextRoot(int app, int module) {
+  return "/app" + std::to_string(app) + "/mod" + std::to_string(module);
+}
+
+std::string mappedPath(int app, int module) { return contextRoot(app, module) + "/api/v1/item3"; }
 
 std::string serverName(const CellShape& shape, int index) {
   return "/cell/" + shape.cell + nodeName(shape, index) + "/server/s" + std::to_string(index);
@@ -74,9 +129,9 @@ std::string completeDocument(const CellShape& shape) {
     std::string host = "host" + std::to_string(s) + ".example.com";
     json_array_append_new(serverObjects, transport("http", host, 9080));
     json_array_append_new(serverObjects, transport("https", host, 9443));
-    for (int a = 0; a < shape.appsPerServer; ++a) {
+    for (int a = 0; a < shape.appsPerCluster; ++a) {
       json_t* sapp = object("serverApplication", "/serverApplication/app" +
-                                                     std::to_string(cluster * shape.appsPerServer + a));
+                                                     std::to_string(cluster * shape.appsPerCluster + a));
       json_t* sappProps = json_object();
       json_object_set_new(sappProps, "state", json_string("STARTED"));
       json_object_set_new(sapp, "props", sappProps);
@@ -98,14 +153,57 @@ std::string completeDocument(const CellShape& shape) {
     json_array_append_new(cellObjects, cluster);
   }
 
+  json_t* clusterModule = json_array();
+  json_t* groupModule = json_array();
+  json_t* serverModule = json_array();
+  for (int g = 0; g < shape.vHostGroups; ++g) {
+    json_t* group = object("vHostGroup", "/vHostGroup/vhg" + std::to_string(g));
+    json_t* alias = object("vHost", "/vHost/any");
+    withProp(alias, "host", json_string("*"));
+    withProp(alias, "port", json_integer(80 + g));
+    json_array_append_new(children(group), alias);
+    json_array_append_new(cellObjects, group);
+  }
+  int moduleCount = 0;
+  for (int a = 0; a < shape.clusters * shape.appsPerCluster; ++a) {
+    int cluster = a / shape.appsPerCluster;
+    json_t* app = object("application", "/application/app" + std::to_string(a));
+    withProp(app, "state", json_string("STARTED"));
+    json_t* modules = children(app);
+    for (int m = 0; m < shape.modulesPerApp; ++m) {
+      json_t* module = object("webModule", "/webModule/mod" + std::to_string(m) + ".war");
+      withProp(module, "contextRoot", json_string(contextRoot(a, m).c_str()));
+      json_t* uris = children(module);
+      for (int k = 0; k < shape.urisPerModule; ++k) {
+        json_array_append_new(uris, object("uri", "/uri/" + escaped(uriPattern(k))));
+      }
+      json_array_append_new(modules, module);
+      std::string name = moduleName(shape, a, m);
+      std::string clusterName = "/cell/" + shape.cell + "/cluster/c" + std::to_string(cluster);
+      json_array_append_new(clusterModule, link("cluster", clusterName, "webModule", name));
+      std::string group = "/cell/" + shape.cell + "/vHostGroup/vhg" +
+                          std::to_string(moduleCount++ % shape.vHostGroups);
+      json_array_append_new(groupModule, link("vHostGroup", group, "webModule", name));
+      for (int s = 0; s < shape.serversPerCluster; ++s) {
+        json_array_append_new(
+            serverModule, link("server", serverName(shape, cluster * shape.serversPerCluster + s),
+                               "webModule", name));
+      }
+    }
+    json_array_append_new(cellObjects, app);
+  }
+
   json_t* relationships = json_object();
   json_object_set_new(relationships, "cluster:server", clusterServer);
+  json_object_set_new(relationships, "cluster:webModule", clusterModule);
+  json_object_set_new(relationships, "vHostGroup:webModule", groupModule);
+  json_object_set_new(relationships, "server:webModule", serverModule);
   json_t* add = json_object();
   json_object_set_new(add, "objects", cell);
   json_object_set_new(add, "relationships", relationships);
   json_t* doc = json_object();
   json_object_set_new(doc, "version", json_integer(1));
-  json_object_set_new(doc, "restVersion", json_integer(1));
+  json_object_set_new(doc, "restVersion", json_integer(2));
   json_object_set_new(doc, "delta", json_false());
   json_object_set_new(doc, "add", add);
   return dumpAndRelease(doc);

@@ -11,15 +11,23 @@ struct CellShape {
   int nodes = 10;
   int clusters = 10;
   int serversPerCluster = 100;  // spread round-robin over the nodes
-  int appsPerServer = 2;        // server applications on every member of a cluster
+  int appsPerCluster = 10;      // deployed on every member of the cluster
+  int modulesPerApp = 3;
+  int urisPerModule = 10;       // a mix of prefix, suffix and exact patterns
+  int vHostGroups = 2;          // modules are bound to them in turn
 };
 
 // Every server has an http and an https transport, a clone id and its server applications;
-// clusters are linked to their members.
+// clusters are linked to their members, every module to its cluster, a virtual host group and
+// the servers its application runs on.
 std::string completeDocument(const CellShape& shape);
 
 // Full object name of server `index` (0-based, in generation order).
 std::string serverName(const CellShape& shape, int index);
+// Context root of module `module` of application `app` (both 0-based over the whole cell), and
+// a request path that one of its exact patterns maps.
+std::string contextRoot(int app, int module);
+std::string mappedPath(int app, int module);
 
 // A delta that sets one property of one server.
 std::string serverPropertyDelta(const CellShape& shape, int index, const char* prop,

@@ -1,0 +1,290 @@
+// Obtaining, pooling and releasing request contexts, request mapping once per request, the
+// host's decisions recorded on the context (permit, reject, redirect) and the plain accessors.
+#include "request/kyrHttpContext.h"
+
+#include <string>
+
+#include "mapping/kyrRequestMapper.h"
+#include "runtime/kyrLibUtil.h"
+#include "runtime/kyrTime.h"
+#include "runtime/kyrUtil.h"
+#include "selection/kyrTargetSelector.h"
+#include "trace/trWrite.h"
+
+namespace kyr {
+namespace {
+
+const EnvCallBacks& env(KyrHttpContext* ctx) { return ctx->kyr->env; }
+
+KyrHttpContext* createContext(Kyr* kyr) {
+  auto* ctx = kyrNew<KyrHttpContext>();
+  ctx->kyr = kyr;
+  ctx->trContext = trContextCreate(kyr->trMgr);
+  ctx->trSpec = trSpecCreate(kyr->trMgr, ":NOTICE");
+  trSpecRefObtain(ctx->trSpec);  // one for the context object, one handed to its trace context
+  trContextSetSpec(ctx->trContext, ctx->trSpec);
+  TrMgr* mgr = kyr->trMgr;
+  ctx->debugMap = trRecordGet(mgr, "http.request.map.url");
+  ctx->debugStateChange = trRecordGet(mgr, "http.stateChange");
+  ctx->rolloutRec = trRecordGet(mgr, "http.request.select.editionRollout");
+  ctx->trRecTraceRuleMatches = trRecordGet(mgr, "http.request.rules.traceRuleMatch");
+  ctx->debugRules = trRecordGet(mgr, "http.request.rules.process");
+  ctx->responseProcess = trRecordGet(mgr, "http.response.process");
+  ctx->requestProcess = trRecordGet(mgr, "http.request.process");
+  ctx->connectFailure = trRecordGet(mgr, "http.request.connectFailure");
+  ctx->failedServerApps = kyrListCreate(nullptr);
+  return ctx;
+}
+
+KyrHttpContext* takeFromPool(Kyr* kyr) {
+  KyrLockGuard guard(kyr->contextPoolLock, "removeKyrHttpContextFromPool");
+  auto* ctx = static_cast<KyrHttpContext*>(kyrListRemoveHead(kyr->contextPool));
+  if (ctx != nullptr) {
+    ctx->state = INITIAL;
+    ctx->stateMsg = "from pool";
+  }
+  return ctx;
+}
+
+// Without a matching request-trace rule a request traces with the "DefaultRequestTraceSpec"
+// custom property when one is set, else with the handle's default specification.
+void initRequestTraceSpec(KyrHttpContext* ctx) {
+  Kyr* kyr = ctx->kyr;
+  TrSpec* spec;
+  {
+    KyrLockGuard guard(kyr->trSpecLock, "initRequestTraceSpec");
+    spec = kyr->customPropDefaultRequestTraceSpec;
+    if (spec != nullptr) trSpecRefObtain(spec);
+  }
+  if (spec != nullptr) {
+    trDebug(kyr->trCtx, kyr->processRec,
+            "initRequestTraceSpec tracing with custom property 'DefaultRequestTraceSpec' trace "
+            "spec.");
+  } else {
+    spec = trContextGetSpec(kyr->trCtx);
+    trDebug(kyr->trCtx, kyr->processRec, "initRequestTraceSpec tracing with DEFAULT trace spec");
+  }
+  trContextSetSpec(ctx->trContext, spec);
+}
+
+void initContext(KyrHttpContext* ctx, EnvHttpContext* envHttpContext) {
+  ctx->envHttpContext = envHttpContext;
+  ctx->requestMapped = false;
+  ctx->waitedForRollout = false;
+  ctx->requestMappingResult = 0;
+  ctx->targetEndpoint = nullptr;
+  ctx->targetServerApplication = nullptr;
+  ctx->outstandingRequestCountIsIncremented = false;
+  ctx->serviceTimeStart = static_cast<KyrTime>(-1);
+  ctx->serviceTime = static_cast<KyrTime>(-1);
+  ctx->failureCount = 0;
+  ctx->responseTimeouts = 0;
+  ctx->sslMapMode = NullMapMode;
+  ctx->state = INITIAL;
+  ctx->subState = 0;
+  ctx->stateMsg = nullptr;
+  ctx->action = NONE;
+  ctx->errorCode = 0;
+  ctx->policy = nullptr;
+  ctx->sticky = false;
+  ctx->performedLoadBalancing = false;
+  ctx->privateHeadersAdded = false;
+  ctx->routingInfo = kyrRoutingInfoObtain(ctx->kyr);
+  ctx->startTime = kyrGetCurrentTime();
+  initRequestTraceSpec(ctx);
+}
+
+void cleanContext(KyrHttpContext* ctx) {
+  tsTargetInfoDecrementRefCnt(ctx);
+  for (char** s : {&ctx->applicationName, &ctx->moduleName, &ctx->editionName, &ctx->vHostName,
+                   &ctx->contextRoot, &ctx->redirectURL, &ctx->errorMsg, &ctx->url}) {
+    kyrFree(*s);
+    *s = nullptr;
+  }
+  kyrListClean(ctx->failedServerApps);
+}
+
+bool returnToPool(KyrHttpContext* ctx) {
+  Kyr* kyr = ctx->kyr;
+  KyrLockGuard guard(kyr->contextPoolLock, "addKyrHttpContextToPool");
+  if (!kyrIsUsable(kyr)) return false;
+  if (kyr->maxHttpContextPoolSize >= 0 &&
+      kyr->maxHttpContextPoolSize <= kyrListGetCount(kyr->contextPool)) {
+    return false;
+  }
+  ctx->state = CACHED;
+  kyrListAddHead(kyr->contextPool, ctx);
+  return true;
+}
+
+int performRequestMapping(KyrHttpContext* ctx) {
+  if (ctx->requestMapped) {
+    trDebug(ctx->trContext, ctx->debugMap, "performRequestMapping: return previous result: %d\n",
+            ctx->requestMappingResult);
+    return ctx->requestMappingResult;
+  }
+  ctx->requestMapped = true;
+  ctx->requestMappingResult =
+      rmMapRequest(kyrRoutingInfoGetRequestMapper(ctx->routingInfo), ctx);
+  return ctx->requestMappingResult;
+}
+
+void replace(char** field, const char* value) {
+  kyrFree(*field);
+  *field = value != nullptr ? kyrStrdup(value) : nullptr;
+}
+
+}  // namespace
+
+void kyrHttpContextDelete(void* p) {
+  auto* ctx = static_cast<KyrHttpContext*>(p);
+  ctx->state = FREE;
+  cleanContext(ctx);
+  trSpecRefRelease(ctx->trSpec);
+  trContextDelete(ctx->trContext);
+  kyrListDestroy(ctx->failedServerApps);
+  kyrDelete(ctx);
+}
+
+void kyrHttpContextSetAffinityPolicy(KyrHttpContext* ctx, HttpAffinityPolicy* policy) {
+  ctx->policy = policy;
+}
+HttpAffinityPolicy* kyrHttpContextGetAffinityPolicy(KyrHttpContext* ctx) { return ctx->policy; }
+
+}  // namespace kyr
+
+using namespace kyr;
+
+extern "C" {
+
+KyrHttpContext* kyrHttpContextObtain(Kyr* kyr, EnvHttpContext* envHttpContext) {
+  if (kyr == nullptr) return nullptr;
+  KyrHttpContext* ctx = takeFromPool(kyr);
+  if (ctx == nullptr) ctx = createContext(kyr);
+  initContext(ctx, envHttpContext);
+  return ctx;
+}
+
+void kyrHttpContextRelease(KyrHttpContext* ctx) {
+  if (ctx == nullptr) return;
+  KyrRoutingInfo* ri = ctx->routingInfo;
+  ctx->routingInfo = nullptr;
+  cleanContext(ctx);
+  if (!returnToPool(ctx)) kyrHttpContextDelete(ctx);
+  // Last: this may delete the version, and with it the handle's final reference.
+  kyrRoutingInfoRelease(ri);
+}
+
+int kyrHttpContextShouldHandle(KyrHttpContext* ctx) { return performRequestMapping(ctx); }
+
+const char* kyrHttpContextGetApplicationEditionName(KyrHttpContext* ctx) {
+  int result = performRequestMapping(ctx);
+  if (result == 1) return ctx->editionName;
+  ctx->action = REJECT;
+  ctx->errorCode = result == 0 ? 404 : 500;
+  return nullptr;
+}
+
+void kyrHttpContextSetPermit(KyrHttpContext* ctx, const char* editionName, Boolean sticky) {
+  ctx->action = PERMIT;
+  replace(&ctx->editionName, editionName);
+  ctx->sticky = sticky;
+}
+
+void kyrHttpContextSetReject(KyrHttpContext* ctx, int errorCode, const char* errorMsg) {
+  ctx->action = REJECT;
+  ctx->errorCode = errorCode;
+  replace(&ctx->errorMsg, errorMsg);
+}
+
+void kyrHttpContextSetRedirect(KyrHttpContext* ctx, const char* url) {
+  ctx->action = REDIRECT;
+  replace(&ctx->redirectURL, url);
+}
+
+int kyrHttpContextCancelRequest(KyrHttpContext* ctx) {
+  if (ctx->state != REQUEST_SUSPENDED) return 1;
+  ctx->state = REQUEST_CANCELED;
+  return env(ctx).http.request.resume(ctx->envHttpContext) == 0 ? 0 : -1;
+}
+
+const char* kyrHttpContextGetURL(KyrHttpContext* ctx) {
+  if (ctx->url == nullptr) {
+    const char* protocol = kyrHttpContextGetProtocol(ctx);
+    const char* host = kyrHttpContextGetVirtualHost(ctx);
+    const char* path = kyrHttpContextGetPath(ctx);
+    std::string url = std::string(protocol != nullptr ? protocol : "") + "://" +
+                      (host != nullptr ? host : "") + ":" +
+                      std::to_string(kyrHttpContextGetVirtualPort(ctx)) + "/" +
+                      (path != nullptr ? path : "");
+    ctx->url = kyrStrdup(url.c_str());
+  }
+  return ctx->url;
+}
+
+const char* kyrHttpContextStateToString(KyrHttpContextState state) {
+  static const char* const kNames[] = {
+      "INITIAL",          "OBTAINED",           "REQUEST_ARRIVED",     "KYR_REQUEST_PROCESSING",
+      "WEB_MODULE_SELECTED", "REQUEST_SUSPENDED", "REQUEST_CANCELED",  "TARGET_SELECTED",
+      "CONNECT_SUCCESS",  "CONNECT_FAILURE",    "REQUEST_SENDING",     "REQUEST_SENT",
+      "REQUEST_SEND_ERROR", "RESPONSE_ARRIVED", "RESPONSE_TIMEOUT",    "RESPONSE_READ_ERROR",
+      "RESPONSE_PROCESSING", "RESPONSE_PROCESSED", "RESPONSE_SENDING", "RESPONSE_SENT",
+      "RESPONSE_SEND_ERROR", "CACHED",           "FREE"};
+  auto index = static_cast<size_t>(state);
+  return index < sizeof kNames / sizeof kNames[0] ? kNames[index] : "UNKNOWN";
+}
+
+EnvHttpContext* kyrHttpContextGetEnvContext(KyrHttpContext* ctx) { return ctx->envHttpContext; }
+Kyr* kyrHttpContextGetKyr(KyrHttpContext* ctx) { return ctx->kyr; }
+TrContext* kyrHttpContextGetTrContext(KyrHttpContext* ctx) { return ctx->trContext; }
+
+const char* kyrHttpContextGetProtocol(KyrHttpContext* ctx) {
+  return env(ctx).http.request.getProtocol(ctx->envHttpContext);
+}
+const char* kyrHttpContextGetVirtualHost(KyrHttpContext* ctx) {
+  return env(ctx).http.request.getVirtualHost(ctx->envHttpContext);
+}
+int kyrHttpContextGetVirtualPort(KyrHttpContext* ctx) {
+  return env(ctx).http.request.getVirtualPort(ctx->envHttpContext);
+}
+const char* kyrHttpContextGetPath(KyrHttpContext* ctx) {
+  return env(ctx).http.request.getPath(ctx->envHttpContext);
+}
+
+const char* kyrHttpContextGetApplicationName(KyrHttpContext* ctx) { return ctx->applicationName; }
+void kyrHttpContextSetApplicationName(KyrHttpContext* ctx, const char* name) {
+  replace(&ctx->applicationName, name);
+}
+const char* kyrHttpContextGetModuleName(KyrHttpContext* ctx) { return ctx->moduleName; }
+void kyrHttpContextSetModuleName(KyrHttpContext* ctx, const char* name) {
+  replace(&ctx->moduleName, name);
+}
+const char* kyrHttpContextGetMatchedVHostName(KyrHttpContext* ctx) { return ctx->vHostName; }
+void kyrHttpContextSetMatchedVHostName(KyrHttpContext* ctx, const char* name) {
+  replace(&ctx->vHostName, name);
+}
+void kyrHttpContextSetEditionName(KyrHttpContext* ctx, const char* name) {
+  replace(&ctx->editionName, name);
+}
+void kyrHttpContextSetContextRoot(KyrHttpContext* ctx, const char* contextRoot) {
+  replace(&ctx->contextRoot, contextRoot);
+}
+KyrTargetEndpoint* kyrHttpContextGetMyTargetEndPoint(KyrHttpContext* ctx) {
+  return ctx->targetEndpoint;
+}
+KyrAction kyrHttpContextGetAction(KyrHttpContext* ctx) { return ctx->action; }
+int kyrHttpContextGetErrorCode(KyrHttpContext* ctx) { return ctx->errorCode; }
+const char* kyrHttpContextGetRedirectURL(KyrHttpContext* ctx) { return ctx->redirectURL; }
+KyrHttpContextState kyrHttpContextGetState(KyrHttpContext* ctx) { return ctx->state; }
+int kyrHttpContextGetSubState(KyrHttpContext* ctx) { return ctx->subState; }
+const char* kyrHttpContextGetMessage(KyrHttpContext* ctx) { return ctx->stateMsg; }
+int kyrHttpContextGetNumOfResponseTimeouts(KyrHttpContext* ctx) { return ctx->responseTimeouts; }
+KyrSSLMapMode kyrHttpContextGetSSLMapMode(KyrHttpContext* ctx) { return ctx->sslMapMode; }
+void kyrHttpContextSetSSLMapMode(KyrHttpContext* ctx, KyrSSLMapMode mode) {
+  ctx->sslMapMode = mode;
+}
+void kyrHttpContextSetPerformedLoadBalancing(KyrHttpContext* ctx, Boolean performed) {
+  ctx->performedLoadBalancing = performed;
+}
+
+}  // extern "C"

@@ -1,0 +1,252 @@
+// Session affinity: the affinity policy of a web module (which cookies carry the session and how
+// clone IDs are separated in them), and the way from a request's session cookie or "jsessionid"
+// path parameter through its clone IDs (or partition IDs) to a server application that can
+// take the request.
+#include <cctype>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "core/kyrPartitionData.h"
+#include "mapping/kyrRequestMapper.h"
+#include "request/kyrHttpContext.h"
+#include "runtime/kyrLibUtil.h"
+#include "runtime/kyrProperties.h"
+#include "runtime/kyrUtil.h"
+#include "selection/kyrTargetSelector.h"
+#include "trace/trWrite.h"
+
+namespace kyr {
+namespace {
+
+const char* nullText(const char* s) { return s != nullptr ? s : "null"; }
+
+// The null-terminated array of counted copies that a policy owns; empty names are dropped.
+char** splitCookieNames(const char* text) {
+  char* copy = kyrStrdup(text);
+  std::vector<const char*> names;
+  char* last = nullptr;
+  for (char* name = kyrStrtok(copy, ",", &last); name != nullptr;
+       name = kyrStrtok(nullptr, ",", &last)) {
+    names.push_back(name);
+  }
+  auto** array = static_cast<char**>(kyrMalloc((names.size() + 1) * sizeof(char*)));
+  for (size_t i = 0; i < names.size(); ++i) array[i] = kyrStrdup(names[i]);
+  kyrFree(copy);
+  return array;
+}
+
+TargetServerApplication* findSapp(TargetServer* server, const char* appName) {
+  if (appName == nullptr) return nullptr;
+  for (KyrListEle* e = kyrListGetHead(server->serverApplications); e != nullptr;
+       e = kyrListGetNext(e)) {
+    auto* sapp = static_cast<TargetServerApplication*>(kyrListEleGetObject(e));
+    if (strcmp(sapp->name, appName) == 0) return sapp;
+  }
+  return nullptr;
+}
+
+// A candidate may be a partition ID that one of the module's clusters maps to a clone ID. The
+// partition lock is held for the lookup only: the mapped clone ID is copied out.
+bool getRealCloneId(KyrHttpContext* ctx, VirtualCluster* vc, const char* candidate,
+                    std::string* cloneId) {
+  TargetSelector* ts = vc->selector;
+  Kyr* kyr = ts->kyr;
+  bool mapped = false;
+  kyrLockPartitionData(kyr, "getRealCloneId");
+  for (KyrListEle* e = kyrListGetHead(vc->clusterList); e != nullptr && !mapped;
+       e = kyrListGetNext(e)) {
+    auto* cluster = static_cast<Cluster*>(kyrListEleGetObject(e));
+    PartitionIDData* data = kyrGetPartitionData(kyr, cluster->name);
+    if (data == nullptr) continue;
+    auto* value = static_cast<const char*>(kyrHashGet(data->partition2CloneIdMap, candidate));
+    if (value != nullptr) {
+      *cloneId = value;
+      mapped = true;
+    }
+  }
+  kyrUnlockPartitionData(kyr);
+  if (mapped) {
+    trDebug(kyrHttpContextGetTrContext(ctx), ts->affinityRec,
+            "getAffinitySappFromSid: '%s' is a partition ID which is mapped to clone ID '%s'\n",
+            candidate, cloneId->c_str());
+  }
+  return mapped;
+}
+
+}  // namespace
+
+// ---- Policies ------------------------------------------------------------------------------
+
+const char* getCloneIDSeparator(Cluster* cluster) {
+  if (cluster->serverType == KYRSERVERTYPE_APPLICATION_SERVER) {
+    for (KyrListEle* e = kyrListGetHead(cluster->servers); e != nullptr; e = kyrListGetNext(e)) {
+      if (static_cast<TargetServer*>(kyrListEleGetObject(e))->cloneSeparatorChange) return "+";
+    }
+  }
+  return cluster->cloneIdSeparator != nullptr ? cluster->cloneIdSeparator : ":";
+}
+
+HttpAffinityPolicy* getDefaultPolicy(TargetSelector* ts, WebModule* webModule) {
+  KyrProperties* props = kyrGetProperties(ts->kyr);
+  const char* descriptor = kyrPropertyGet(props, "HttpSessionAffinityPolicyDescriptor");
+  if (descriptor != nullptr) return hapCreate1(webModule, descriptor);
+  std::string cookies;
+  if (const char* configured = kyrPropertyGet(props, "HttpSessionCookies")) {
+    cookies = configured;
+  } else {
+    const char* name = kyrPropertyGet(props, "TarnwickSessionCookieName");
+    // Deliberately no comma before the name: the last cookie name of the default list is
+    // "SSLJSESSIONIDZQJSESSIONID", and existing deployments depend on exactly that list.
+    cookies = std::string("JSESSIONID,SSLJSESSIONID") + (name != nullptr ? name : "ZQJSESSIONID");
+  }
+  return hapCreate(webModule, splitCookieNames(cookies.c_str()), ":", false);
+}
+
+HttpAffinityPolicy* getAffinityPolicy(TargetSelector* ts, WebModule* webModule, Cluster* cluster) {
+  if (HttpAffinityPolicy* hap = wmGetHttpAffinityPolicy(webModule)) return hap;
+  if (cluster == nullptr) return getDefaultPolicy(ts, webModule);
+  const char* cookies = wmGetSessionAffinityCookies(webModule);
+  if (cookies == nullptr) cookies = appGetSessionAffinityCookies(wmGetApplication(webModule));
+  if (cookies == nullptr) {
+    // Only the first member is asked. Its plain "JSESSIONID" is the server default, not a
+    // choice, so the cluster's own setting is preferred to it.
+    auto* first = static_cast<TargetServer*>(kyrListEleGetObject(kyrListGetHead(cluster->servers)));
+    if (first != nullptr && first->sessionAffinityCookies != nullptr &&
+        strcmp(first->sessionAffinityCookies, "JSESSIONID") != 0) {
+      cookies = first->sessionAffinityCookies;
+    }
+  }
+  if (cookies == nullptr) cookies = cluster->sessionAffinityCookies;
+  if (cookies == nullptr) cookies = "ZQJSESSIONID,JSESSIONID";
+  HttpAffinityPolicy* hap = hapCreate(webModule, splitCookieNames(cookies),
+                                      getCloneIDSeparator(cluster), cluster->learnServerIds);
+  trDebug(ts->trCtx, ts->affinityRec, "getAffinityPolicy: returning cookieNames %s for web module %s\n",
+          cookies, wmGetName(webModule));
+  return hap;
+}
+
+HttpAffinityPolicy* virtualClusterGetAffinityPolicy(VirtualCluster* vc) {
+  if (vc->webModule == nullptr) return nullptr;
+  // Built once and then the module's own; asking the module each time keeps the cached pointer
+  // in step with a module whose policy the request mapper has dropped for rebuilding.
+  vc->affinityPolicy = getAffinityPolicy(vc->selector, vc->webModule, vc->cluster);
+  return vc->affinityPolicy;
+}
+
+// ---- Session IDs ---------------------------------------------------------------------------
+
+const char* getSessionIdFromUrl(TargetSelector* ts, KyrHttpContext* ctx, const char* name) {
+  TrContext* tr = kyrHttpContextGetTrContext(ctx);
+  const char* path = kyrHttpContextGetPath(ctx);
+  trTrace(tr, ts->affinityRec, TR_LEVEL_DEBUG, "getSessionIdFromUrl: URL obtained='%s'\n",
+          nullText(path));
+  if (path == nullptr) return nullptr;
+  const char* found = strstr(path, name);
+  if (found == nullptr) {
+    std::string upper(name);
+    for (char& c : upper) c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
+    found = strstr(path, upper.c_str());
+  }
+  if (found == nullptr) {
+    std::string lower(name);
+    for (char& c : lower) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    found = strstr(path, lower.c_str());
+  }
+  if (found == nullptr) return nullptr;
+  // The name, one separator ("=" as a rule), then the session ID to the end of the path.
+  size_t start = static_cast<size_t>(found - path) + strlen(name) + 1;
+  if (strlen(path) <= start) return nullptr;
+  const char* sid = path + start;
+  trDebug(tr, ts->affinityRec, "getSessionIdFromUrl: session id='%s'\n", sid);
+  return sid;
+}
+
+TargetServerApplication* getAffinitySappFromSid(KyrHttpContext* ctx, VirtualCluster* vc,
+                                                const char* appName, const char* sid,
+                                                const char* delimiter, KyrTime now,
+                                                std::string* reason) {
+  TargetSelector* ts = vc->selector;
+  TrContext* tr = kyrHttpContextGetTrContext(ctx);
+  // The first piece is the session's own ID; every further piece names a server.
+  char** pieces = kyrStrSplit(sid, delimiter);
+  char** candidates = pieces != nullptr && pieces[0] != nullptr ? pieces + 1 : nullptr;
+  if (candidates == nullptr || *candidates == nullptr) {
+    trDebug(tr, ts->affinityRec, "getCloneIds: no cloneIds found in the session cookie");
+  } else {
+    for (char** c = candidates; *c != nullptr; ++c) {
+      trDebug(tr, ts->affinityRec, "getCloneIds: found cloneId %s", *c);
+    }
+  }
+  std::string why;
+  TargetServerApplication* result = nullptr;
+  for (char** c = candidates; c != nullptr && *c != nullptr && result == nullptr; ++c) {
+    std::string mapped;
+    const char* cloneId = getRealCloneId(ctx, vc, *c, &mapped) ? mapped.c_str() : *c;
+    auto* server = static_cast<TargetServer*>(kyrHashGet(ts->serverMapByCloneId, cloneId));
+    if (server == nullptr) {
+      why += std::string("Server was not found for cloneId '") + cloneId + "'\n";
+      continue;
+    }
+    TargetServerApplication* sapp = findSapp(server, appName);
+    if (sapp == nullptr) {
+      why += std::string("Server application was not found for cloneId '") + cloneId + "'\n";
+      continue;
+    }
+    if (const char* verdict = sappIsSelectableForAffinity(sapp, now)) {
+      why += std::string("Server application for cloneId '") + cloneId +
+             "' is not selectable because " + verdict + "\n";
+      continue;
+    }
+    trDebug(tr, ts->affinityRec,
+            "getAffinitySappFromSid: Found routable sapp for partitionId=%s, cloneId=%s\n", *c,
+            cloneId);
+    result = sapp;
+  }
+  kyrFreeStrSplitArray(pieces);
+  if (result == nullptr) {
+    trDebug(tr, ts->affinityRec,
+            "getAffinitySappFromSid: a routable sapp was not found for any cloneId in the "
+            "sessionId '%s' because:\n\t %s\n",
+            sid, why.c_str());
+    *reason += why;
+  }
+  return result;
+}
+
+TargetServerApplication* getAffinityTargetServerApplication(KyrHttpContext* ctx,
+                                                            VirtualCluster* vc,
+                                                            const char* appName, KyrTime now,
+                                                            std::string* reason) {
+  TargetSelector* ts = vc->selector;
+  HttpAffinityPolicy* policy = virtualClusterGetAffinityPolicy(vc);
+  const char* delimiter = ":";
+  char** cookieNames = nullptr;
+  if (policy != nullptr) {
+    delimiter = hapGetDelimiter(policy);
+    cookieNames = hapGetCookieNames(policy);
+    kyrHttpContextSetAffinityPolicy(ctx, policy);
+  }
+  const EnvCallBacks* env = kyrGetEnvCallBacks(kyrHttpContextGetKyr(ctx));
+  EnvHttpContext* request = kyrHttpContextGetEnvContext(ctx);
+  std::string collected;
+  for (char** name = cookieNames; name != nullptr && *name != nullptr; ++name) {
+    const char* value = env->http.request.getCookieValue(request, *name);
+    if (value == nullptr) continue;
+    trDebug(kyrHttpContextGetTrContext(ctx), ts->affinityRec,
+            "getAffinityTargetServerApplication: Found session cookie '%s' with value '%s'\n",
+            *name, value);
+    TargetServerApplication* sapp =
+        getAffinitySappFromSid(ctx, vc, appName, value, delimiter, now, &collected);
+    if (sapp != nullptr) return sapp;
+  }
+  if (const char* sid = getSessionIdFromUrl(ts, ctx, "jsessionid")) {
+    TargetServerApplication* sapp =
+        getAffinitySappFromSid(ctx, vc, appName, sid, delimiter, now, &collected);
+    if (sapp != nullptr) return sapp;
+  }
+  *reason += collected;
+  return nullptr;
+}
+
+}  // namespace kyr

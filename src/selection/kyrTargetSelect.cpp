@@ -1,0 +1,237 @@
+// The choice of a target for one request: the module's virtual cluster, affinity first and load
+// balancing otherwise, the outbound protocol under the SSL map mode, the endpoint of the chosen
+// server, and the rejects (with status and reason) when nothing can take the request.
+#include <jansson.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "mapping/kyrRequestMapper.h"
+#include "request/kyrHttpContext.h"
+#include "runtime/kyrProperties.h"
+#include "runtime/kyrUtil.h"
+#include "selection/kyrTargetSelector.h"
+#include "trace/trWrite.h"
+
+namespace kyr {
+namespace {
+
+// Outbound protocol index by inbound protocol index, one table per SSL map mode.
+constexpr int kSslDirectMap[kProtoCount] = {kHttpProtoIndex, kHttpsProtoIndex};
+constexpr int kSslOffLoadMap[kProtoCount] = {kHttpProtoIndex, kHttpProtoIndex};
+constexpr int kSslOnLoadMap[kProtoCount] = {kHttpsProtoIndex, kHttpsProtoIndex};
+
+const char* nullText(const char* s) { return s != nullptr ? s : "null"; }
+
+// What the locked part of a selection found. A reject code other than 0 means that the module
+// cannot be served at all; otherwise a null endpoint means that no server could take it.
+struct Choice {
+  KyrTargetEndpoint* endpoint = nullptr;
+  TargetServerApplication* sapp = nullptr;
+  bool rolloutInProgress = false;
+  int rejectCode = 0;
+  const char* rejectReason = nullptr;
+};
+
+Choice reject(TrContext* tr, TargetSelector* ts, int code, const char* reason, const char* fmt,
+              const char* moduleName) {
+  trDebug(tr, ts->selectRec, fmt, moduleName);
+  Choice choice;
+  choice.rejectCode = code;
+  choice.rejectReason = reason;
+  return choice;
+}
+
+// The context's mode, else the library's, else the module's, else inbound maps to outbound.
+KyrSSLMapMode resolveSSLMapMode(KyrHttpContext* ctx, TargetSelector* ts, VirtualCluster* vc) {
+  KyrSSLMapMode mode = kyrHttpContextGetSSLMapMode(ctx);
+  if (mode == NullMapMode) mode = kyrGetSSLMapMode(ts->kyr);
+  if (mode == NullMapMode && vc->webModule != nullptr) mode = rmWebModuleGetSSLMapMode(vc->webModule);
+  return mode == NullMapMode ? MapInboundToOutbound : mode;
+}
+
+// Affinity keeps the session's server unless the server is at its connection limit; an
+// affinity that names no usable server is reported as broken.
+TargetServerApplication* affinityTarget(TargetSelector* ts, KyrHttpContext* ctx,
+                                        VirtualCluster* vc, const char* appName, KyrTime now) {
+  TrContext* tr = kyrHttpContextGetTrContext(ctx);
+  std::string reason;
+  TargetServerApplication* sapp = getAffinityTargetServerApplication(ctx, vc, appName, now, &reason);
+  if (sapp == nullptr) {
+    if (!reason.empty()) {
+      trLog(tr, ts->breakAffinityRec, reason.c_str());
+      kyrHttpContextBreakAffinity(ctx);
+    }
+    return nullptr;
+  }
+  TargetServer* server = sapp->server;
+  std::string limit = checkIfMaxConnectionsExceeded(server);
+  if (limit.empty()) {
+    trDebug(tr, ts->keepAffinityRec, "tsSelect: keeping affinity to %s ; cluster is:%s\n",
+            server->name, server->cluster != nullptr ? server->cluster->name : "null");
+    return sapp;
+  }
+  trLog(tr, ts->breakAffinityRec, limit.c_str());
+  kyrHttpContextBreakAffinity(ctx);
+  if (trContextLogEnabled(tr, ts->selectRec)) {
+    trContextDebug(tr, ts->selectRec, "tsSelect: Breaking affinity for the request %s with ctx=%p because %s\n",
+                   kyrHttpContextGetURL(ctx), static_cast<void*>(ctx), limit.c_str());
+  }
+  return nullptr;
+}
+
+// Steps that need the model to hold still: everything from the module lookup to the counts and
+// references of the chosen target.
+Choice chooseTarget(TargetSelector* ts, KyrHttpContext* ctx, const char* moduleName,
+                    const char* appName, int inbound, KyrTime now) {
+  TrContext* tr = kyrHttpContextGetTrContext(ctx);
+  KyrLockGuard guard(ts->lock, "tsSelect");
+  auto* vc = static_cast<VirtualCluster*>(kyrHashGet(ts->virtualClusterMap, moduleName));
+  if (vc == nullptr) {
+    return reject(tr, ts, 404, "web module not found by selector",
+                  "tsSelect: module '%s' was not found; Error Status Code=404\n", moduleName);
+  }
+  if (vc->cluster == nullptr) {
+    return reject(tr, ts, 500, "no cluster",
+                  "tsSelect: module '%s' has no cluster; Error Status Code=500\n", moduleName);
+  }
+  if (virtualClusterGetAffinityPolicy(vc) == nullptr) {
+    return reject(tr, ts, 500, "no affinity policy",
+                  "tsSelect: module '%s' has no affinity policy; Error Status Code=500\n",
+                  moduleName);
+  }
+  int outbound = mapProtocol(inbound, resolveSSLMapMode(ctx, ts, vc));
+  Choice choice;
+  choice.rolloutInProgress = vc->cluster->editionRolloutInProgress;
+  TargetServerApplication* sapp = affinityTarget(ts, ctx, vc, appName, now);
+  if (sapp == nullptr) sapp = wlorLoadBalance(vc, ts, now, ctx);
+  if (sapp == nullptr) return choice;
+  TargetServer* server = sapp->server;
+  // A server without an endpoint of the wanted protocol is reached over the other one.
+  KyrList* endpoints = server->endPoints[outbound];
+  if (kyrListIsEmpty(endpoints)) endpoints = server->endPoints[1 - outbound];
+  if (kyrListIsEmpty(endpoints)) return choice;
+  KyrTargetEndpoint* tep = selectEndpoint(ctx, ts, endpoints);
+  ++server->outstandingRequestCount;
+  ++sapp->outstandingRequestCount;
+  tsTargetInfoIncrementRefCnt(sapp, tep);
+  trDebug(tr, ts->selectRec, "tsSelect: incremented endpoint refcnt: refcnt=%d, ctx=%p, endpoint='%s'\n",
+          tep->refcnt, static_cast<void*>(ctx), tep->name);
+  choice.endpoint = tep;
+  choice.sapp = sapp;
+  return choice;
+}
+
+// 504 when an earlier attempt of this request timed out, else 503; with the 503 record enabled
+// the state of the module's cluster goes with it.
+void rejectNoServer(TargetSelector* ts, KyrHttpContext* ctx) {
+  TrContext* tr = kyrHttpContextGetTrContext(ctx);
+  bool timedOut = kyrHttpContextGetNumOfResponseTimeouts(ctx) > 0;
+  if (timedOut) {
+    kyrHttpContextSetReject(ctx, 504, "response timed out");
+    trDebug(tr, ts->selectRec, "tsSelect: response timed out; Error Status Code=504\n");
+  } else {
+    kyrHttpContextSetReject(ctx, 503, "no server was found running web module");
+    trDebug(tr, ts->selectRec, "tsSelect: no server was found; Error Status Code=503\n");
+  }
+  if (!trContextLogEnabled(tr, ts->error503Rec)) return;
+  // Read afresh: a rollout wait maps the request again and replaces the context's strings.
+  const char* moduleName = kyrHttpContextGetModuleName(ctx);
+  json_t* dump = nullptr;
+  if (moduleName != nullptr) {
+    KyrLockGuard guard(ts->lock, "tsSelect-dump");
+    auto* vc = static_cast<VirtualCluster*>(kyrHashGet(ts->virtualClusterMap, moduleName));
+    if (vc != nullptr && vc->cluster != nullptr) dump = tsClusterToJSON(vc->cluster, false);
+  }
+  char* text = dump != nullptr ? json_dumps(dump, 0) : nullptr;
+  trContextDebug(tr, ts->error503Rec,
+                 timedOut ? "504 response for module '%s':\n%s\n" : "503 response for module '%s':\n%s\n",
+                 nullText(moduleName), nullText(text));
+  free(text);
+  json_decref(dump);
+}
+
+}  // namespace
+
+int mapProtocol(int inboundIndex, KyrSSLMapMode mode) {
+  if (inboundIndex < 0 || inboundIndex >= kProtoCount) return inboundIndex;
+  switch (mode) {
+    case MapInboundToOutbound:
+      return kSslDirectMap[inboundIndex];
+    case SSLOffLoad:
+      return kSslOffLoadMap[inboundIndex];
+    case SSLOnLoad:
+      return kSslOnLoadMap[inboundIndex];
+    default:
+      return inboundIndex;
+  }
+}
+
+KyrTargetEndpoint* selectEndpoint(KyrHttpContext* ctx, TargetSelector* ts, KyrList* endpoints) {
+  auto* first = static_cast<KyrTargetEndpoint*>(kyrListEleGetObject(kyrListGetHead(endpoints)));
+  const char* enabled =
+      kyrPropertyGet(kyrGetProperties(ts->kyr), "enableEndpointSelectionBasedOnMatchedVHost");
+  if (enabled == nullptr || kyrStrCmpIgnoreCase(enabled, "TRUE") != 0) return first;
+  const char* vhostName = kyrHttpContextGetMatchedVHostName(ctx);
+  trDebug(kyrHttpContextGetTrContext(ctx), ts->selectRec,
+          "enableEndpointSelectionBasedOnMatchedVHost is set, picking endpoint based on the "
+          "matched virtual host %s\n.",
+          nullText(vhostName));
+  if (vhostName == nullptr) return first;
+  const VHostMatcher* vhosts =
+      getVHostMatcher(rmGetURLMatcher(kyrRoutingInfoGetRequestMapper(ts->ri)), vhostName);
+  if (vhosts == nullptr) return first;
+  for (KyrListEle* e = kyrListGetHead(endpoints); e != nullptr; e = kyrListGetNext(e)) {
+    auto* tep = static_cast<KyrTargetEndpoint*>(kyrListEleGetObject(e));
+    if (tep->host != nullptr && matchVHost(vhosts, tep->host, tep->port, ctx)) return tep;
+  }
+  return first;
+}
+
+KyrTargetEndpoint* tsSelect(TargetSelector* ts, KyrHttpContext* ctx) {
+  TrContext* tr = kyrHttpContextGetTrContext(ctx);
+  kyrHttpContextSetPerformedLoadBalancing(ctx, false);
+  const char* moduleName = kyrHttpContextGetModuleName(ctx);
+  if (moduleName == nullptr) {
+    kyrHttpContextSetReject(ctx, 500, "null module name");
+    trDebug(tr, ts->error503Rec, "tsSelect: null module name; Error Status Code=500\n");
+    return nullptr;
+  }
+  const char* protocol = kyrHttpContextGetProtocol(ctx);
+  if (protocol == nullptr) {
+    kyrHttpContextSetReject(ctx, 500, "null protocol");
+    trDebug(tr, ts->error503Rec, "tsSelect: null protocol; Error Status Code=500\n");
+    return nullptr;
+  }
+  int inbound = getProtoIndex(protocol);
+  if (inbound < 0) {
+    kyrHttpContextSetReject(ctx, 500, "negative protocol index");
+    trDebug(tr, ts->error503Rec, "tsSelect: negative protocol index; Error Status Code=500\n");
+    return nullptr;
+  }
+  const char* appName = kyrHttpContextGetApplicationName(ctx);
+  trDebug(tr, ts->selectRec, "tsSelect: protocol=%s, appName=%s, moduleName=%s\n", protocol,
+          nullText(appName), moduleName);
+  Choice choice = chooseTarget(ts, ctx, moduleName, appName, inbound, kyrGetCurrentTime());
+  if (choice.rejectCode != 0) {
+    kyrHttpContextSetReject(ctx, choice.rejectCode, choice.rejectReason);
+    return nullptr;
+  }
+  // An earlier attempt of this request gives its target back before the new one is stored.
+  tsTargetInfoDecrementRefCnt(ctx);
+  KyrTargetEndpoint* tep = choice.endpoint;
+  TargetServerApplication* sapp = choice.sapp;
+  if (tep == nullptr && choice.rolloutInProgress) {
+    tep = kyrHttpContextWaitForRollout(ctx);
+    sapp = kyrHttpContextGetMyTargetServerApplication(ctx);
+  }
+  if (tep == nullptr) {
+    rejectNoServer(ts, ctx);
+    return nullptr;
+  }
+  kyrHttpContextSetMyTargetInfo(ctx, tep, sapp);
+  trTrace(tr, ts->selectRec, 7, "route selection is %s\n", tep->name);
+  return tep;
+}
+
+}  // namespace kyr
