@@ -340,6 +340,10 @@ KYR_EXPORT void kyrHttpContextSetContextRoot(KyrHttpContext* ctx, const char* co
 KYR_EXPORT KyrTargetEndpoint* kyrHttpContextGetMyTargetEndPoint(KyrHttpContext* ctx);
 KYR_EXPORT KyrAction kyrHttpContextGetAction(KyrHttpContext* ctx);
 KYR_EXPORT int kyrHttpContextGetErrorCode(KyrHttpContext* ctx);
+/* The reason given with a reject, or NULL. */
+KYR_EXPORT const char* kyrHttpContextGetErrorMsg(KyrHttpContext* ctx);
+/* Whether a permit asks that the session stick to the chosen server. */
+KYR_EXPORT Boolean kyrHttpContextGetSticky(KyrHttpContext* ctx);
 KYR_EXPORT const char* kyrHttpContextGetRedirectURL(KyrHttpContext* ctx);
 KYR_EXPORT KyrHttpContextState kyrHttpContextGetState(KyrHttpContext* ctx);
 KYR_EXPORT int kyrHttpContextGetSubState(KyrHttpContext* ctx);

@@ -21,6 +21,7 @@ void connectorFree(KyrConnector* c) {
   json_decref(c->json);
   json_decref(c->addRoutes);
   json_decref(c->delRoutes);
+  kyrLockDestroy(c->routesLock);
   kyrListDestroy(c->outstandingRestRequestList);
   kyrPropertiesDelete(c->props);
   kyrFree(c->URL);
@@ -46,6 +47,7 @@ KyrConnector* kyrConnectorCreate2(KyrConnectorGroup* cg, const char* url) {
   c->vid = -1;
   c->restVersion = -1;
   c->outstandingRestRequestList = kyrListCreate(nullptr);
+  c->routesLock = kyrLockCreate("KyrConnector.routesLock");
   kyrConnectorGroupObtainRef(cg, "kyrConnectorCreate");
   c->listEle = kyrListAddTail(cg->connectorList, c);
   trDebug(cg->trCtx, cg->debugCtl, "kyrConnectorCreate: connector group %s, URL %s\n", cg->name,
@@ -75,7 +77,10 @@ void kyrConnectorSetProcessingJSON(KyrConnector* c, bool processing) {
 }
 
 void kyrConnectorPostRoutingChange(KyrConnector* c, const char* route, bool add) {
-  appendRoute(add ? &c->addRoutes : &c->delRoutes, route);
+  {
+    KyrLockGuard guard(c->routesLock, "kyrConnectorPostRoutingChange");
+    appendRoute(add ? &c->addRoutes : &c->delRoutes, route);
+  }
   trDebug(c->cg->trCtx, c->cg->debugCtl, "kyrConnectorPostRoutingChange: %s %s for %s\n",
           add ? "add" : "del", route, c->URL);
 }

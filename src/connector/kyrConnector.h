@@ -10,6 +10,7 @@
 
 #include "kyrlib.h"
 #include "runtime/kyrList.h"
+#include "runtime/kyrLock.h"
 #include "runtime/kyrProperties.h"
 
 struct KyrConnector {
@@ -29,6 +30,9 @@ struct KyrConnector {
   Boolean processingJSON;  // a document from this connector is being applied
   json_t* addRoutes;       // owned arrays of server-application names waiting to be posted
   json_t* delRoutes;
+  // Guards addRoutes and delRoutes: request threads post a route as its last request drains,
+  // while the thread applying routing data posts under another version's selector lock.
+  kyr::KyrLock* routesLock;
   int failures;
   kyr::KyrList* outstandingRestRequestList;
   kyr::KyrListEle* listEle;  // this connector's element in the group's list

@@ -48,11 +48,6 @@ void leaveRoot(Application* app) {
   }
 }
 
-void replace(char** field, const char* value) {
-  kyrFree(*field);
-  *field = value != nullptr ? kyrStrdup(value) : nullptr;
-}
-
 // The first module of the edition whose context root starts the full path.
 WebModule* moduleForPath(Application* app, const char* path) {
   for (KyrListEle* e = kyrListGetHead(app->webModules); e != nullptr; e = kyrListGetNext(e)) {
@@ -155,12 +150,12 @@ void rmApplicationDelete(Application* app) {
 
 KyrRoutingInfo* rmApplicationGetRoutingInfo(Application* app) { return app->rm->ri; }
 const char* rmApplicationGetSimpleName(Application* app) { return app->simpleName; }
-void rmApplicationSetState(Application* app, const char* state) { replace(&app->state, state); }
+void rmApplicationSetState(Application* app, const char* state) { kyrReplaceCountedStr(&app->state, state); }
 void rmApplicationSetEdition(Application* app, const char* edition) {
-  replace(&app->edition, edition);
+  kyrReplaceCountedStr(&app->edition, edition);
 }
 void rmApplicationSetSessionAffinityCookies(Application* app, const char* cookies) {
-  replace(&app->sessionAffinityCookies, cookies);
+  kyrReplaceCountedStr(&app->sessionAffinityCookies, cookies);
 }
 const char* appGetSessionAffinityCookies(Application* app) { return app->sessionAffinityCookies; }
 void appAddWebModule(Application* app, WebModule* wm) { kyrListAddTail(app->webModules, wm); }

@@ -5,14 +5,10 @@
 
 #include "mapping/kyrRequestMapper.h"
 #include "runtime/kyrLibUtil.h"
+#include "runtime/kyrUtil.h"
 
 namespace kyr {
 namespace {
-
-void replace(char** field, const char* value) {
-  kyrFree(*field);
-  *field = value != nullptr ? kyrStrdup(value) : nullptr;
-}
 
 void installPolicy(WebModule* wm, HttpAffinityPolicy* hap) {
   hapDelete(wm->hap);
@@ -59,9 +55,9 @@ void rmWebModuleAddUri(WebModule* wm, const char* uri) {
 
 bool rmWebModuleSetPropStr(WebModule* wm, const char* name, const char* value) {
   if (strcmp(name, "contextRoot") == 0) {
-    replace(&wm->contextRoot, value);
+    kyrReplaceCountedStr(&wm->contextRoot, value);
   } else if (strcmp(name, "sessionAffinityCookies") == 0) {
-    replace(&wm->sessionAffinityCookies, value);
+    kyrReplaceCountedStr(&wm->sessionAffinityCookies, value);
   } else if (strcmp(name, "protocolMap") == 0) {
     if (value == nullptr) {
       wm->sslMapMode = NullMapMode;
@@ -103,7 +99,7 @@ HttpAffinityPolicy* wmGetHttpAffinityPolicy(WebModule* wm) { return wm->hap; }
 KyrList* wmGetClusters(WebModule* wm) { return wm->clusters; }
 const char* wmGetSessionAffinityCookies(WebModule* wm) { return wm->sessionAffinityCookies; }
 void wmSetSessionAffinityCookies(WebModule* wm, const char* cookies) {
-  replace(&wm->sessionAffinityCookies, cookies);
+  kyrReplaceCountedStr(&wm->sessionAffinityCookies, cookies);
 }
 
 HttpAffinityPolicy* hapCreate(WebModule* wm, char** cookieNames, const char* delimiter,

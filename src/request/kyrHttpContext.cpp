@@ -129,11 +129,6 @@ int performRequestMapping(KyrHttpContext* ctx) {
   return ctx->requestMappingResult;
 }
 
-void replace(char** field, const char* value) {
-  kyrFree(*field);
-  *field = value != nullptr ? kyrStrdup(value) : nullptr;
-}
-
 }  // namespace
 
 void kyrHttpContextDelete(void* p) {
@@ -187,19 +182,19 @@ const char* kyrHttpContextGetApplicationEditionName(KyrHttpContext* ctx) {
 
 void kyrHttpContextSetPermit(KyrHttpContext* ctx, const char* editionName, Boolean sticky) {
   ctx->action = PERMIT;
-  replace(&ctx->editionName, editionName);
+  kyrReplaceCountedStr(&ctx->editionName, editionName);
   ctx->sticky = sticky;
 }
 
 void kyrHttpContextSetReject(KyrHttpContext* ctx, int errorCode, const char* errorMsg) {
   ctx->action = REJECT;
   ctx->errorCode = errorCode;
-  replace(&ctx->errorMsg, errorMsg);
+  kyrReplaceCountedStr(&ctx->errorMsg, errorMsg);
 }
 
 void kyrHttpContextSetRedirect(KyrHttpContext* ctx, const char* url) {
   ctx->action = REDIRECT;
-  replace(&ctx->redirectURL, url);
+  kyrReplaceCountedStr(&ctx->redirectURL, url);
 }
 
 int kyrHttpContextCancelRequest(KyrHttpContext* ctx) {
@@ -253,27 +248,29 @@ const char* kyrHttpContextGetPath(KyrHttpContext* ctx) {
 
 const char* kyrHttpContextGetApplicationName(KyrHttpContext* ctx) { return ctx->applicationName; }
 void kyrHttpContextSetApplicationName(KyrHttpContext* ctx, const char* name) {
-  replace(&ctx->applicationName, name);
+  kyrReplaceCountedStr(&ctx->applicationName, name);
 }
 const char* kyrHttpContextGetModuleName(KyrHttpContext* ctx) { return ctx->moduleName; }
 void kyrHttpContextSetModuleName(KyrHttpContext* ctx, const char* name) {
-  replace(&ctx->moduleName, name);
+  kyrReplaceCountedStr(&ctx->moduleName, name);
 }
 const char* kyrHttpContextGetMatchedVHostName(KyrHttpContext* ctx) { return ctx->vHostName; }
 void kyrHttpContextSetMatchedVHostName(KyrHttpContext* ctx, const char* name) {
-  replace(&ctx->vHostName, name);
+  kyrReplaceCountedStr(&ctx->vHostName, name);
 }
 void kyrHttpContextSetEditionName(KyrHttpContext* ctx, const char* name) {
-  replace(&ctx->editionName, name);
+  kyrReplaceCountedStr(&ctx->editionName, name);
 }
 void kyrHttpContextSetContextRoot(KyrHttpContext* ctx, const char* contextRoot) {
-  replace(&ctx->contextRoot, contextRoot);
+  kyrReplaceCountedStr(&ctx->contextRoot, contextRoot);
 }
 KyrTargetEndpoint* kyrHttpContextGetMyTargetEndPoint(KyrHttpContext* ctx) {
   return ctx->targetEndpoint;
 }
 KyrAction kyrHttpContextGetAction(KyrHttpContext* ctx) { return ctx->action; }
 int kyrHttpContextGetErrorCode(KyrHttpContext* ctx) { return ctx->errorCode; }
+const char* kyrHttpContextGetErrorMsg(KyrHttpContext* ctx) { return ctx->errorMsg; }
+Boolean kyrHttpContextGetSticky(KyrHttpContext* ctx) { return ctx->sticky; }
 const char* kyrHttpContextGetRedirectURL(KyrHttpContext* ctx) { return ctx->redirectURL; }
 KyrHttpContextState kyrHttpContextGetState(KyrHttpContext* ctx) { return ctx->state; }
 int kyrHttpContextGetSubState(KyrHttpContext* ctx) { return ctx->subState; }

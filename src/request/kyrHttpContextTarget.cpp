@@ -3,7 +3,6 @@
 // chosen server's outstanding counts, back-off and statistics and may send the request on to
 // another server.
 #include "request/kyrHttpContext.h"
-
 #include "selection/kyrTargetSelector.h"
 #include "trace/trWrite.h"
 
@@ -29,8 +28,8 @@ Boolean kyrHttpContextIsFailedServerApp(KyrHttpContext* ctx, TargetServerApplica
 namespace {
 
 bool isFailure(KyrHttpContextState state) {
-  return state == CONNECT_FAILURE || state == REQUEST_SEND_ERROR ||
-         state == RESPONSE_READ_ERROR || state == RESPONSE_TIMEOUT;
+  return state == CONNECT_FAILURE || state == REQUEST_SEND_ERROR || state == RESPONSE_READ_ERROR ||
+         state == RESPONSE_TIMEOUT;
 }
 
 // A request stops being outstanding once it is past sending, whatever the outcome.
@@ -38,27 +37,32 @@ bool endsOutstanding(KyrHttpContextState state) {
   return state != CONNECT_SUCCESS && state != REQUEST_SENDING && state != REQUEST_SENT;
 }
 
-void recordServiceTime(KyrHttpContext* ctx, KyrHttpContextState state, KyrTime now) {
+// Returns the time it read, or 0 when the state needed none (connects are not timed).
+KyrTime recordServiceTime(KyrHttpContext* ctx, KyrHttpContextState state) {
   constexpr auto kUnset = static_cast<KyrTime>(-1);
-  if (state == REQUEST_SENDING) {
+  bool starts =
+      state == REQUEST_SENDING || (state == REQUEST_SENT && ctx->serviceTimeStart == kUnset);
+  bool ends = state == RESPONSE_ARRIVED || state == RESPONSE_TIMEOUT;
+  if (!starts && !ends) return 0;
+  KyrTime now = kyrGetCurrentTime();
+  if (starts) {
     ctx->serviceTimeStart = now;
-  } else if (state == REQUEST_SENT) {
-    if (ctx->serviceTimeStart == kUnset) ctx->serviceTimeStart = now;
-  } else if (state == RESPONSE_ARRIVED || state == RESPONSE_TIMEOUT) {
-    if (ctx->serviceTimeStart != 0) ctx->serviceTime = now - ctx->serviceTimeStart;
+  } else if (ctx->serviceTimeStart != 0) {
+    ctx->serviceTime = now - ctx->serviceTimeStart;
   }
+  return now;
 }
 
 // What the report means for the chosen server and for this request's next attempt.
 void applyToTarget(KyrHttpContext* ctx, KyrHttpContextState state, const char* msg) {
-  KyrTime now = kyrGetCurrentTime();
-  recordServiceTime(ctx, state, now);
+  KyrTime now = recordServiceTime(ctx, state);
   if (state == RESPONSE_ARRIVED) kyrHttpContextPerformResponseProcessing(ctx);
   TargetServerApplication* sapp = ctx->targetServerApplication;
   if (sapp == nullptr) return;
   if (ctx->outstandingRequestCountIsIncremented && endsOutstanding(state)) {
-    tsServerApplicationDecrementOutstandingRequestCount(ctx, sapp, now, ctx->serviceTime,
-                                                        state == RESPONSE_TIMEOUT);
+    tsServerApplicationDecrementOutstandingRequestCount(
+        ctx, sapp, now != 0 ? now : kyrGetCurrentTime(), ctx->serviceTime,
+        state == RESPONSE_TIMEOUT);
     ctx->outstandingRequestCountIsIncremented = false;
   }
   TargetServer* server = sapp->server;

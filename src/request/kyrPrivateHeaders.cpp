@@ -27,13 +27,12 @@ void setPartitionTableVersionHeader(KyrHttpContext* ctx) {
   }
   // The selector lock keeps the server's cluster link still; the partition lock keeps the
   // version text alive until the host has copied it.
-  KyrLockGuard guard(server->selector->lock, "setPartitionTableVersionHeader");
-  kyrLockPartitionData(kyr, "setPartitionTableVersionHeader");
+  KyrLockGuard selectorGuard(server->selector->lock, "setPartitionTableVersionHeader");
+  KyrLockGuard partitionGuard(kyr->partitionIDData.lock, "setPartitionTableVersionHeader");
   PartitionIDData* data =
       server->cluster != nullptr ? kyrGetPartitionData(kyr, server->cluster->name) : nullptr;
   const char* version = data != nullptr ? tsPartitionIDDataGetVersion(data) : nullptr;
   setHeader(ctx, "_ZQ_HAPRT_WLMVERSION", version != nullptr ? version : "-1");
-  kyrUnlockPartitionData(kyr);
 }
 
 }  // namespace
@@ -73,8 +72,6 @@ int kyrHttpContextAddPrivateHeaders(KyrHttpContext* ctx) {
   return 0;
 }
 
-int kyrHttpContextBreakAffinity(KyrHttpContext* ctx) {
-  return setHeader(ctx, "$ZQFO", "true");
-}
+int kyrHttpContextBreakAffinity(KyrHttpContext* ctx) { return setHeader(ctx, "$ZQFO", "true"); }
 
 }  // extern "C"

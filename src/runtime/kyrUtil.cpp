@@ -174,6 +174,12 @@ void kyrReplaceStr(char** location, const char* newValue) {
   *location = newValue != nullptr ? kyrStrdup(newValue) : nullptr;
 }
 
+void kyrReplaceCountedStr(char** location, const char* newValue) {
+  char* copy = newValue != nullptr ? kyrStrdup(newValue) : nullptr;
+  kyrFree(*location);
+  *location = copy;
+}
+
 char* kyrPathToName(const char* path) {
   if (path == nullptr) return nullptr;
   const char* slash = strrchr(path, '/');

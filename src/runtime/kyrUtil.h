@@ -19,6 +19,9 @@ char** kyrStrSplit(const char* str, const char* delimiter);
 void kyrFreeStrSplitArray(char** array);
 char* kyrStrtok(char* str, const char* sep, char** last);
 void kyrReplaceStr(char** location, const char* newValue);
+// The same for counted strings (kyrStrdup): the copy is made before the old text is released,
+// so a string may be replaced by (a part of) itself.
+void kyrReplaceCountedStr(char** location, const char* newValue);
 char* kyrPathToName(const char* path);  // plain copy
 const char* kyrStrSuffix(const char* str, const char* delimiter);
 char* kyrStrPrefix(const char* str, const char* delimiter);

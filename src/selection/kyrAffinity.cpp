@@ -2,7 +2,6 @@
 // clone IDs are separated in them), and the way from a request's session cookie or "jsessionid"
 // path parameter through its clone IDs (or partition IDs) to a server application that can
 // take the request.
-#include <cctype>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -36,6 +35,16 @@ char** splitCookieNames(const char* text) {
   return array;
 }
 
+// The name with the letters from..to switched to the other case. Parameter names are ASCII, and
+// the locale-aware C library calls would cost more than the search itself.
+std::string asciiCase(const char* name, char from, char to) {
+  std::string out(name);
+  for (char& c : out) {
+    if (c >= from && c <= to) c = static_cast<char>(c ^ 0x20);
+  }
+  return out;
+}
+
 TargetServerApplication* findSapp(TargetServer* server, const char* appName) {
   if (appName == nullptr) return nullptr;
   for (KyrListEle* e = kyrListGetHead(server->serverApplications); e != nullptr;
@@ -53,19 +62,20 @@ bool getRealCloneId(KyrHttpContext* ctx, VirtualCluster* vc, const char* candida
   TargetSelector* ts = vc->selector;
   Kyr* kyr = ts->kyr;
   bool mapped = false;
-  kyrLockPartitionData(kyr, "getRealCloneId");
-  for (KyrListEle* e = kyrListGetHead(vc->clusterList); e != nullptr && !mapped;
-       e = kyrListGetNext(e)) {
-    auto* cluster = static_cast<Cluster*>(kyrListEleGetObject(e));
-    PartitionIDData* data = kyrGetPartitionData(kyr, cluster->name);
-    if (data == nullptr) continue;
-    auto* value = static_cast<const char*>(kyrHashGet(data->partition2CloneIdMap, candidate));
-    if (value != nullptr) {
-      *cloneId = value;
-      mapped = true;
+  {
+    KyrLockGuard guard(kyr->partitionIDData.lock, "getRealCloneId");
+    for (KyrListEle* e = kyrListGetHead(vc->clusterList); e != nullptr && !mapped;
+         e = kyrListGetNext(e)) {
+      auto* cluster = static_cast<Cluster*>(kyrListEleGetObject(e));
+      PartitionIDData* data = kyrGetPartitionData(kyr, cluster->name);
+      if (data == nullptr) continue;
+      auto* value = static_cast<const char*>(kyrHashGet(data->partition2CloneIdMap, candidate));
+      if (value != nullptr) {
+        *cloneId = value;
+        mapped = true;
+      }
     }
   }
-  kyrUnlockPartitionData(kyr);
   if (mapped) {
     trDebug(kyrHttpContextGetTrContext(ctx), ts->affinityRec,
             "getAffinitySappFromSid: '%s' is a partition ID which is mapped to clone ID '%s'\n",
@@ -96,8 +106,8 @@ HttpAffinityPolicy* getDefaultPolicy(TargetSelector* ts, WebModule* webModule) {
     cookies = configured;
   } else {
     const char* name = kyrPropertyGet(props, "TarnwickSessionCookieName");
-    // Deliberately no comma before the name: the last cookie name of the default list is
-    // "SSLJSESSIONIDZQJSESSIONID", and existing deployments depend on exactly that list.
+    // Deliberately no comma before the name: the default list ends in the run-together name
+    // "SSLJSESSIONIDZQJSESSIONID", and it is kept exactly as it has always been.
     cookies = std::string("JSESSIONID,SSLJSESSIONID") + (name != nullptr ? name : "ZQJSESSIONID");
   }
   return hapCreate(webModule, splitCookieNames(cookies.c_str()), ":", false);
@@ -121,8 +131,9 @@ HttpAffinityPolicy* getAffinityPolicy(TargetSelector* ts, WebModule* webModule, 
   if (cookies == nullptr) cookies = "ZQJSESSIONID,JSESSIONID";
   HttpAffinityPolicy* hap = hapCreate(webModule, splitCookieNames(cookies),
                                       getCloneIDSeparator(cluster), cluster->learnServerIds);
-  trDebug(ts->trCtx, ts->affinityRec, "getAffinityPolicy: returning cookieNames %s for web module %s\n",
-          cookies, wmGetName(webModule));
+  trDebug(ts->trCtx, ts->affinityRec,
+          "getAffinityPolicy: returning cookieNames %s for web module %s\n", cookies,
+          wmGetName(webModule));
   return hap;
 }
 
@@ -142,16 +153,14 @@ const char* getSessionIdFromUrl(TargetSelector* ts, KyrHttpContext* ctx, const c
   trTrace(tr, ts->affinityRec, TR_LEVEL_DEBUG, "getSessionIdFromUrl: URL obtained='%s'\n",
           nullText(path));
   if (path == nullptr) return nullptr;
+  // The name as given, then in upper case, then in lower case; a spelling equal to one already
+  // searched for cannot be found either.
   const char* found = strstr(path, name);
+  std::string upper = asciiCase(name, 'a', 'z');
+  if (found == nullptr && upper != name) found = strstr(path, upper.c_str());
   if (found == nullptr) {
-    std::string upper(name);
-    for (char& c : upper) c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
-    found = strstr(path, upper.c_str());
-  }
-  if (found == nullptr) {
-    std::string lower(name);
-    for (char& c : lower) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-    found = strstr(path, lower.c_str());
+    std::string lower = asciiCase(name, 'A', 'Z');
+    if (lower != name && lower != upper) found = strstr(path, lower.c_str());
   }
   if (found == nullptr) return nullptr;
   // The name, one separator ("=" as a rule), then the session ID to the end of the path.
@@ -168,21 +177,29 @@ TargetServerApplication* getAffinitySappFromSid(KyrHttpContext* ctx, VirtualClus
                                                 std::string* reason) {
   TargetSelector* ts = vc->selector;
   TrContext* tr = kyrHttpContextGetTrContext(ctx);
-  // The first piece is the session's own ID; every further piece names a server.
-  char** pieces = kyrStrSplit(sid, delimiter);
-  char** candidates = pieces != nullptr && pieces[0] != nullptr ? pieces + 1 : nullptr;
-  if (candidates == nullptr || *candidates == nullptr) {
-    trDebug(tr, ts->affinityRec, "getCloneIds: no cloneIds found in the session cookie");
-  } else {
-    for (char** c = candidates; *c != nullptr; ++c) {
-      trDebug(tr, ts->affinityRec, "getCloneIds: found cloneId %s", *c);
-    }
+  const bool debug = trContextLogEnabled(tr, ts->affinityRec);  // asked once: it takes a lock
+  // The first piece is the session's own ID; every further piece names a server. The pieces
+  // are taken where they lie rather than copied out with kyrStrSplit (same pieces: empty ones
+  // between two delimiters count, a trailing delimiter adds none), which would allocate on
+  // every request that carries a session.
+  size_t delimiterLen = delimiter != nullptr ? strlen(delimiter) : 0;
+  const char* next = delimiterLen > 0 ? strstr(sid, delimiter) : nullptr;
+  if (debug && (next == nullptr || next[delimiterLen] == '\0')) {
+    trContextDebug(tr, ts->affinityRec, "getCloneIds: no cloneIds found in the session cookie");
   }
   std::string why;
   TargetServerApplication* result = nullptr;
-  for (char** c = candidates; c != nullptr && *c != nullptr && result == nullptr; ++c) {
+  while (next != nullptr && result == nullptr) {
+    const char* start = next + delimiterLen;
+    next = strstr(start, delimiter);
+    if (next == nullptr && *start == '\0') break;
+    std::string candidate(start,
+                          next != nullptr ? static_cast<size_t>(next - start) : strlen(start));
+    if (debug)
+      trContextDebug(tr, ts->affinityRec, "getCloneIds: found cloneId %s", candidate.c_str());
     std::string mapped;
-    const char* cloneId = getRealCloneId(ctx, vc, *c, &mapped) ? mapped.c_str() : *c;
+    const char* cloneId =
+        getRealCloneId(ctx, vc, candidate.c_str(), &mapped) ? mapped.c_str() : candidate.c_str();
     auto* server = static_cast<TargetServer*>(kyrHashGet(ts->serverMapByCloneId, cloneId));
     if (server == nullptr) {
       why += std::string("Server was not found for cloneId '") + cloneId + "'\n";
@@ -198,24 +215,26 @@ TargetServerApplication* getAffinitySappFromSid(KyrHttpContext* ctx, VirtualClus
              "' is not selectable because " + verdict + "\n";
       continue;
     }
-    trDebug(tr, ts->affinityRec,
-            "getAffinitySappFromSid: Found routable sapp for partitionId=%s, cloneId=%s\n", *c,
-            cloneId);
+    if (debug) {
+      trContextDebug(tr, ts->affinityRec,
+                     "getAffinitySappFromSid: Found routable sapp for partitionId=%s, cloneId=%s\n",
+                     candidate.c_str(), cloneId);
+    }
     result = sapp;
   }
-  kyrFreeStrSplitArray(pieces);
   if (result == nullptr) {
-    trDebug(tr, ts->affinityRec,
-            "getAffinitySappFromSid: a routable sapp was not found for any cloneId in the "
-            "sessionId '%s' because:\n\t %s\n",
-            sid, why.c_str());
+    if (debug) {
+      trContextDebug(tr, ts->affinityRec,
+                     "getAffinitySappFromSid: a routable sapp was not found for any cloneId in the "
+                     "sessionId '%s' because:\n\t %s\n",
+                     sid, why.c_str());
+    }
     *reason += why;
   }
   return result;
 }
 
-TargetServerApplication* getAffinityTargetServerApplication(KyrHttpContext* ctx,
-                                                            VirtualCluster* vc,
+TargetServerApplication* getAffinityTargetServerApplication(KyrHttpContext* ctx, VirtualCluster* vc,
                                                             const char* appName, KyrTime now,
                                                             std::string* reason) {
   TargetSelector* ts = vc->selector;

@@ -38,12 +38,12 @@ TargetServerApplication* wlorLoadBalance(VirtualCluster* vc, TargetSelector* ts,
   TargetServerApplication** sapps = vc->sappArray;
   if (sapps == nullptr || sapps[0] == nullptr) {
     trDebug(tr, ts->error503Rec,
-            "503 error: no servers are running web module '%s; Error Status Code=503'\n",
-            vc->name);
+            "503 error: no servers are running web module '%s; Error Status Code=503'\n", vc->name);
     return nullptr;
   }
+  const bool debug = trContextLogEnabled(tr, ts->balanceRec);  // asked once: it takes a lock
   int i = vc->loadBalanceIndex;
-  trDebug(tr, ts->balanceRec, "wlor: start at index %d\n", i);
+  if (debug) trContextDebug(tr, ts->balanceRec, "wlor: start at index %d\n", i);
   TargetServerApplication* best = nullptr;
   TargetServerApplication* first = nullptr;
   for (;;) {
@@ -53,23 +53,29 @@ TargetServerApplication* wlorLoadBalance(VirtualCluster* vc, TargetSelector* ts,
       sapp = sapps[0];
     }
     if (sapp == first) {
-      trDebug(tr, ts->balanceRec, "wlor: done searching\n");
+      if (debug) trContextDebug(tr, ts->balanceRec, "wlor: done searching\n");
       break;
     }
     if (first == nullptr) first = sapp;
     TargetServer* server = sapp->server;
     std::string reason = skipReason(ctx, sapp, now);
     if (!reason.empty()) {
-      trDebug(tr, ts->balanceRec, "wlor: skipping server application='%s' (%p), reason=%s\n",
-              sapp->name, static_cast<void*>(sapp), reason.c_str());
+      if (debug) {
+        trContextDebug(tr, ts->balanceRec,
+                       "wlor: skipping server application='%s' (%p), reason=%s\n", sapp->name,
+                       static_cast<void*>(sapp), reason.c_str());
+      }
       ++i;
       continue;
     }
     int weight = server->weight;
     int count = server->outstandingRequestCount;
-    trDebug(tr, ts->balanceRec,
-            "wlor: comparing server='%s', started=%s, weight=%d, outstandingRequestCount=%d\n",
-            server->name, server->started ? "true" : "false", weight, count);
+    if (debug) {
+      trContextDebug(
+          tr, ts->balanceRec,
+          "wlor: comparing server='%s', started=%s, weight=%d, outstandingRequestCount=%d\n",
+          server->name, server->started ? "true" : "false", weight, count);
+    }
     ++i;
     if (count == 0) {
       // An idle server is taken at once, and the rotation moves just past it, so idle servers
@@ -78,8 +84,8 @@ TargetServerApplication* wlorLoadBalance(VirtualCluster* vc, TargetSelector* ts,
       break;
     }
     // Lower count per unit of weight wins; on equal ratios the one met first stays.
-    if (best == nullptr || count * best->server->weight <
-                               best->server->outstandingRequestCount * weight) {
+    if (best == nullptr ||
+        count * best->server->weight < best->server->outstandingRequestCount * weight) {
       best = sapp;
     }
   }
@@ -87,7 +93,9 @@ TargetServerApplication* wlorLoadBalance(VirtualCluster* vc, TargetSelector* ts,
   vc->loadBalanceIndex = i;
   if (best == nullptr) return nullptr;
   kyrHttpContextSetPerformedLoadBalancing(ctx, true);
-  trDebug(tr, ts->balanceRec, "wlor: finished - %s, %s\n", best->server->name, best->name);
+  if (debug) {
+    trContextDebug(tr, ts->balanceRec, "wlor: finished - %s, %s\n", best->server->name, best->name);
+  }
   return best;
 }
 
@@ -124,20 +132,23 @@ void tsTargetInfoDecrementRefCnt(KyrHttpContext* ctx) {
 }
 
 int tsServerApplicationDecrementOutstandingRequestCount(KyrHttpContext*,
-                                                        TargetServerApplication* sapp,
-                                                        KyrTime now, KyrTime serviceTime,
-                                                        bool timeout) {
+                                                        TargetServerApplication* sapp, KyrTime now,
+                                                        KyrTime serviceTime, bool timeout) {
   TargetServer* server = sapp->server;
   KyrLockGuard guard(server->selector->lock, "tsServerApplicationDecrementOutstandingRequestCount");
   --server->outstandingRequestCount;
   int count = --sapp->outstandingRequestCount;
   if (server->started && now != 0) {
-    // A timed-out request has no service time to average; it still counts as a completion.
-    KyrTime avg = timeout ? static_cast<KyrTime>(-1)
-                          : kyrAvgCalcAddSample(&server->avgResponseTimeCalc, now, serviceTime);
+    // A timed-out request, or one that never got as far as a response (a connect failure
+    // reports the service time still unset), has no service time to average; it still counts
+    // as a completion.
+    const auto unset = static_cast<KyrTime>(-1);
+    KyrTime avg = timeout || serviceTime == unset
+                      ? unset
+                      : kyrAvgCalcAddSample(&server->avgResponseTimeCalc, now, serviceTime);
     kyrTimeoutCalcAddSample(&server->timeoutCalc, now, timeout);
     // Stored under the lock: the state dumps read it there.
-    if (avg != static_cast<KyrTime>(-1)) serverUpdateAvgResponseTime(server, avg);
+    if (avg != unset) serverUpdateAvgResponseTime(server, avg);
   }
   // An application that stopped being routable while requests were still out is reported to
   // its publisher once the last of them is done.

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "core/kyrRoutingInfo.h"
 #include "mapping/kyrRequestMapper.h"
 #include "request/kyrHttpContext.h"
 #include "runtime/kyrProperties.h"
@@ -46,17 +47,19 @@ Choice reject(TrContext* tr, TargetSelector* ts, int code, const char* reason, c
 KyrSSLMapMode resolveSSLMapMode(KyrHttpContext* ctx, TargetSelector* ts, VirtualCluster* vc) {
   KyrSSLMapMode mode = kyrHttpContextGetSSLMapMode(ctx);
   if (mode == NullMapMode) mode = kyrGetSSLMapMode(ts->kyr);
-  if (mode == NullMapMode && vc->webModule != nullptr) mode = rmWebModuleGetSSLMapMode(vc->webModule);
+  if (mode == NullMapMode && vc->webModule != nullptr)
+    mode = rmWebModuleGetSSLMapMode(vc->webModule);
   return mode == NullMapMode ? MapInboundToOutbound : mode;
 }
 
 // Affinity keeps the session's server unless the server is at its connection limit; an
 // affinity that names no usable server is reported as broken.
-TargetServerApplication* affinityTarget(TargetSelector* ts, KyrHttpContext* ctx,
-                                        VirtualCluster* vc, const char* appName, KyrTime now) {
+TargetServerApplication* affinityTarget(TargetSelector* ts, KyrHttpContext* ctx, VirtualCluster* vc,
+                                        const char* appName, KyrTime now) {
   TrContext* tr = kyrHttpContextGetTrContext(ctx);
   std::string reason;
-  TargetServerApplication* sapp = getAffinityTargetServerApplication(ctx, vc, appName, now, &reason);
+  TargetServerApplication* sapp =
+      getAffinityTargetServerApplication(ctx, vc, appName, now, &reason);
   if (sapp == nullptr) {
     if (!reason.empty()) {
       trLog(tr, ts->breakAffinityRec, reason.c_str());
@@ -74,16 +77,18 @@ TargetServerApplication* affinityTarget(TargetSelector* ts, KyrHttpContext* ctx,
   trLog(tr, ts->breakAffinityRec, limit.c_str());
   kyrHttpContextBreakAffinity(ctx);
   if (trContextLogEnabled(tr, ts->selectRec)) {
-    trContextDebug(tr, ts->selectRec, "tsSelect: Breaking affinity for the request %s with ctx=%p because %s\n",
+    trContextDebug(tr, ts->selectRec,
+                   "tsSelect: Breaking affinity for the request %s with ctx=%p because %s\n",
                    kyrHttpContextGetURL(ctx), static_cast<void*>(ctx), limit.c_str());
   }
   return nullptr;
 }
 
 // Steps that need the model to hold still: everything from the module lookup to the counts and
-// references of the chosen target.
+// references of the chosen target. `debug` says whether selectRec writes; it is asked once per
+// selection because each question takes the trace context's lock.
 Choice chooseTarget(TargetSelector* ts, KyrHttpContext* ctx, const char* moduleName,
-                    const char* appName, int inbound, KyrTime now) {
+                    const char* appName, int inbound, KyrTime now, bool debug) {
   TrContext* tr = kyrHttpContextGetTrContext(ctx);
   KyrLockGuard guard(ts->lock, "tsSelect");
   auto* vc = static_cast<VirtualCluster*>(kyrHashGet(ts->virtualClusterMap, moduleName));
@@ -115,8 +120,11 @@ Choice chooseTarget(TargetSelector* ts, KyrHttpContext* ctx, const char* moduleN
   ++server->outstandingRequestCount;
   ++sapp->outstandingRequestCount;
   tsTargetInfoIncrementRefCnt(sapp, tep);
-  trDebug(tr, ts->selectRec, "tsSelect: incremented endpoint refcnt: refcnt=%d, ctx=%p, endpoint='%s'\n",
-          tep->refcnt, static_cast<void*>(ctx), tep->name);
+  if (debug) {
+    trContextDebug(tr, ts->selectRec,
+                   "tsSelect: incremented endpoint refcnt: refcnt=%d, ctx=%p, endpoint='%s'\n",
+                   tep->refcnt, static_cast<void*>(ctx), tep->name);
+  }
   choice.endpoint = tep;
   choice.sapp = sapp;
   return choice;
@@ -144,9 +152,10 @@ void rejectNoServer(TargetSelector* ts, KyrHttpContext* ctx) {
     if (vc != nullptr && vc->cluster != nullptr) dump = tsClusterToJSON(vc->cluster, false);
   }
   char* text = dump != nullptr ? json_dumps(dump, 0) : nullptr;
-  trContextDebug(tr, ts->error503Rec,
-                 timedOut ? "504 response for module '%s':\n%s\n" : "503 response for module '%s':\n%s\n",
-                 nullText(moduleName), nullText(text));
+  trContextDebug(
+      tr, ts->error503Rec,
+      timedOut ? "504 response for module '%s':\n%s\n" : "503 response for module '%s':\n%s\n",
+      nullText(moduleName), nullText(text));
   free(text);
   json_decref(dump);
 }
@@ -169,6 +178,8 @@ int mapProtocol(int inboundIndex, KyrSSLMapMode mode) {
 
 KyrTargetEndpoint* selectEndpoint(KyrHttpContext* ctx, TargetSelector* ts, KyrList* endpoints) {
   auto* first = static_cast<KyrTargetEndpoint*>(kyrListEleGetObject(kyrListGetHead(endpoints)));
+  // With one endpoint there is nothing to choose: spare the property lookup on the hot path.
+  if (kyrListGetCount(endpoints) == 1) return first;
   const char* enabled =
       kyrPropertyGet(kyrGetProperties(ts->kyr), "enableEndpointSelectionBasedOnMatchedVHost");
   if (enabled == nullptr || kyrStrCmpIgnoreCase(enabled, "TRUE") != 0) return first;
@@ -210,9 +221,12 @@ KyrTargetEndpoint* tsSelect(TargetSelector* ts, KyrHttpContext* ctx) {
     return nullptr;
   }
   const char* appName = kyrHttpContextGetApplicationName(ctx);
-  trDebug(tr, ts->selectRec, "tsSelect: protocol=%s, appName=%s, moduleName=%s\n", protocol,
-          nullText(appName), moduleName);
-  Choice choice = chooseTarget(ts, ctx, moduleName, appName, inbound, kyrGetCurrentTime());
+  const bool debug = trContextLogEnabled(tr, ts->selectRec);
+  if (debug) {
+    trContextDebug(tr, ts->selectRec, "tsSelect: protocol=%s, appName=%s, moduleName=%s\n",
+                   protocol, nullText(appName), moduleName);
+  }
+  Choice choice = chooseTarget(ts, ctx, moduleName, appName, inbound, kyrGetCurrentTime(), debug);
   if (choice.rejectCode != 0) {
     kyrHttpContextSetReject(ctx, choice.rejectCode, choice.rejectReason);
     return nullptr;

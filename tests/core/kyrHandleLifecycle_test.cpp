@@ -35,6 +35,8 @@ struct CheckStateRow {
   const char* reason;
 };
 
+void PrintTo(const CheckStateRow& row, std::ostream* os) { *os << row.name; }
+
 class HandleCheckState : public HandleFixture,
                          public ::testing::WithParamInterface<CheckStateRow> {};
 

@@ -48,8 +48,9 @@ inline std::string modulePath(const char* app) {
 // A delta that sets properties (a JSON object text) of one object.
 inline std::string setDelta(int version, const std::string& type, const std::string& name,
                             const std::string& props) {
-  return "{\"version\":" + std::to_string(version) + ",\"delta\":true,\"set\":{\"objects\":" +
-         "{\"type\":\"" + type + "\",\"name\":\"" + name + "\",\"props\":" + props + "}}}";
+  return "{\"version\":" + std::to_string(version) +
+         ",\"delta\":true,\"set\":{\"objects\":" + "{\"type\":\"" + type + "\",\"name\":\"" + name +
+         "\",\"props\":" + props + "}}}";
 }
 
 class RoutingFixture : public ::testing::Test {
@@ -74,7 +75,8 @@ class RoutingFixture : public ::testing::Test {
   }
   // Sets properties of an object of the current version in place.
   void set(const std::string& type, const std::string& name, const std::string& props) {
-    ASSERT_EQ(apply(setDelta(++version_, type, name, props)), version_);
+    int version = ++version_;
+    ASSERT_EQ(apply(setDelta(version, type, name, props)), version);
   }
 
   // A new toy request; it lives as long as the fixture.

@@ -95,6 +95,20 @@ std::string moduleName(const CellShape& shape, int app, int module) {
 
 }  // namespace
 
+int applicationCount(const CellShape& shape) {
+  return shape.applications > 0 ? shape.applications : shape.clusters * shape.appsPerCluster;
+}
+
+int clusterOfApplication(const CellShape& shape, int app) {
+  return shape.applications > 0 ? app % shape.clusters : app / shape.appsPerCluster;
+}
+
+std::string cloneId(int index) { return "clone" + std::to_string(index); }
+
+int modulePort(const CellShape& shape, int app, int module) {
+  return 80 + (app * shape.modulesPerApp + module) % shape.vHostGroups;
+}
+
 std::string contextRoot(int app, int module) {
   return "/app" + std::to_string(app) + "/mod" + std::to_string(module);
 }
@@ -120,7 +134,7 @@ std::string completeDocument(const CellShape& shape) {
     int cluster = s / shape.serversPerCluster;
     json_t* server = object("server", "/server/s" + std::to_string(s));
     json_t* props = json_object();
-    json_object_set_new(props, "id", json_string(("clone" + std::to_string(s)).c_str()));
+    json_object_set_new(props, "id", json_string(cloneId(s).c_str()));
     json_object_set_new(props, "state", json_string("STARTED"));
     json_object_set_new(props, "type", json_string("APPLICATION_SERVER"));
     json_object_set_new(props, "weight", json_integer(2));
@@ -129,9 +143,9 @@ std::string completeDocument(const CellShape& shape) {
     std::string host = "host" + std::to_string(s) + ".example.com";
     json_array_append_new(serverObjects, transport("http", host, 9080));
     json_array_append_new(serverObjects, transport("https", host, 9443));
-    for (int a = 0; a < shape.appsPerCluster; ++a) {
-      json_t* sapp = object("serverApplication", "/serverApplication/app" +
-                                                     std::to_string(cluster * shape.appsPerCluster + a));
+    for (int a = 0; a < applicationCount(shape); ++a) {
+      if (clusterOfApplication(shape, a) != cluster) continue;
+      json_t* sapp = object("serverApplication", "/serverApplication/app" + std::to_string(a));
       json_t* sappProps = json_object();
       json_object_set_new(sappProps, "state", json_string("STARTED"));
       json_object_set_new(sapp, "props", sappProps);
@@ -165,8 +179,8 @@ std::string completeDocument(const CellShape& shape) {
     json_array_append_new(cellObjects, group);
   }
   int moduleCount = 0;
-  for (int a = 0; a < shape.clusters * shape.appsPerCluster; ++a) {
-    int cluster = a / shape.appsPerCluster;
+  for (int a = 0; a < applicationCount(shape); ++a) {
+    int cluster = clusterOfApplication(shape, a);
     json_t* app = object("application", "/application/app" + std::to_string(a));
     withProp(app, "state", json_string("STARTED"));
     json_t* modules = children(app);

@@ -15,6 +15,9 @@ struct CellShape {
   int modulesPerApp = 3;
   int urisPerModule = 10;       // a mix of prefix, suffix and exact patterns
   int vHostGroups = 2;          // modules are bound to them in turn
+  // Above 0: this many applications in all, given to the clusters in turn, in place of
+  // appsPerCluster (so that a cell may have fewer applications than clusters, or any number).
+  int applications = 0;
 };
 
 // Every server has an http and an https transport, a clone id and its server applications;
@@ -28,6 +31,13 @@ std::string serverName(const CellShape& shape, int index);
 // a request path that one of its exact patterns maps.
 std::string contextRoot(int app, int module);
 std::string mappedPath(int app, int module);
+
+// How many applications the cell has, and the cluster (0-based) that runs application `app`.
+int applicationCount(const CellShape& shape);
+int clusterOfApplication(const CellShape& shape, int app);
+// The clone id of server `index`, and the virtual port that maps module `module` of `app`.
+std::string cloneId(int index);
+int modulePort(const CellShape& shape, int app, int module);
 
 // A delta that sets one property of one server.
 std::string serverPropertyDelta(const CellShape& shape, int index, const char* prop,

@@ -1,0 +1,174 @@
+// Requests routed on several threads (obtain, should-handle, get-target-endpoint, state reports,
+// release) while another thread changes the model in place with deltas and switches versions
+// with complete documents. Run under ThreadSanitizer; afterwards every context and version is
+// gone and the memory counter is where it started.
+#include <gtest/gtest.h>
+#include <jansson.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <latch>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "core/kyrHandleTestUtil.h"
+#include "request/routingFixture.h"
+
+namespace {
+
+using kyrtest::readData;
+using kyrtest::serverPath;
+using kyrtest::setDelta;
+
+constexpr int kWorkers = 4;
+constexpr int kRequestsPerWorker = 1500;
+
+// The routing document with another version number and s1's weight changed, so that each
+// complete document really differs from the one before.
+std::string completeDocument(int version, int weight) {
+  json_t* doc = json_loads(readData("cell-routing.json").c_str(), 0, nullptr);
+  json_object_set_new(doc, "version", json_integer(version));
+  json_t* cell = json_array_get(json_object_get(json_object_get(doc, "add"), "objects"), 0);
+  json_t* s1 = json_array_get(
+      json_object_get(json_array_get(json_object_get(cell, "objects"), 0), "objects"), 0);
+  json_object_set_new(json_object_get(s1, "props"), "weight", json_integer(weight));
+  char* text = json_dumps(doc, JSON_COMPACT);
+  std::string s = text;
+  free(text);
+  json_decref(doc);
+  return s;
+}
+
+// One request the way a host forwards it; some connections to the three-member cluster fail
+// and are retried (a failure bars its server for a while, so only there), some responses bring
+// a partition table or a session cookie.
+bool forward(Kyr* kyr, int worker, int i) {
+  EnvHttpContext r;
+  switch (i % 5) {
+    case 0:
+      r.path = "/shop/a";
+      if (i % 3 == 0) r.cookies["JSESSIONID"] = "0000abc:c2";
+      break;
+    case 1:
+      r.path = "/duo/x";
+      r.virtualHost = "duo.example.com";
+      break;
+    case 2:
+      r.path = "/vault/a;jsessionid=abc:c4";
+      break;
+    case 3:
+      r.path = "/portal/a";
+      break;
+    default:
+      r.path = "/front/a";
+      break;
+  }
+  KyrHttpContext* ctx = kyrHttpContextObtain(kyr, &r);
+  bool routed = false;
+  if (kyrHttpContextShouldHandle(ctx) == 1) {
+    KyrTargetEndpoint* tep = kyrHttpContextGetTargetEndpoint(ctx);
+    if (tep != nullptr && i % 100 == 5 * worker) {
+      kyrHttpContextSetState(ctx, CONNECT_FAILURE, 0, "refused");
+      tep = kyrHttpContextGetTargetEndpoint(ctx);
+    }
+    if (tep != nullptr) {
+      routed = kyrTargetEndpointGetPort(tep) > 0 && kyrTargetEndpointGetHostName(tep) != nullptr;
+      kyrHttpContextSetState(ctx, CONNECT_SUCCESS, 0, nullptr);
+      kyrHttpContextSetState(ctx, REQUEST_SENT, 0, nullptr);
+      r.responseHeaders["Set-Cookie"] =
+          "JSESSIONID=0000abc:learnt" + std::to_string(worker) + "; Path=/";
+      if (i % 11 == 0) {
+        r.responseHeaders["$ZQPT"] = "p" + std::to_string(i) + ":c3";
+        r.responseHeaders["_ZQ_HAPRT_WLMVERSION"] = std::to_string(i);
+      }
+      kyrHttpContextSetState(ctx, i % 13 == 0 ? RESPONSE_TIMEOUT : RESPONSE_ARRIVED, 0, nullptr);
+      kyrHttpContextSetState(ctx, RESPONSE_SENT, 0, nullptr);
+    }
+  }
+  kyrHttpContextRelease(ctx);
+  return routed;
+}
+
+// Deltas on the current version and, every few rounds, a complete document that replaces it.
+void changeRoutingData(KyrConnector* c, const std::atomic<bool>& done, std::atomic<int>& switches) {
+  const std::string s2 = serverPath("n1", "s2");
+  const std::string s1 = serverPath("n1", "s1");
+  const std::string vault = serverPath("n2", "s4") + "/serverApplication/vault";
+  const std::string d2 = serverPath("n4", "d2");
+  int version = 1;
+  for (int round = 0; !done; ++round) {
+    std::vector<std::string> docs = {
+        setDelta(++version, "server", s2, round % 2 ? R"({"weight":3})" : R"({"weight":1})"),
+        setDelta(++version, "server", s1,
+                 round % 2 ? R"({"server.maintenancemode":"affinity"})"
+                           : R"({"server.maintenancemode":"false"})"),
+        setDelta(++version, "serverApplication", vault,
+                 round % 3 ? R"({"state":"STARTED"})" : R"({"state":"STOPPED"})"),
+        setDelta(++version, "server", d2, round % 2 ? R"({"weight":0})" : R"({"weight":1})"),
+    };
+    if (round % 4 == 3) docs.push_back(completeDocument(++version, 2 + round % 3));
+    for (const std::string& doc : docs) {
+      kyr::ControlLockGuard guard("test updater");
+      kyrHandleJsonFromRestService(doc.c_str(), c);
+    }
+    if (round % 4 == 3) ++switches;
+    std::this_thread::yield();
+  }
+}
+
+TEST(RoutingConcurrency, RequestsRouteWhileDeltasAndNewVersionsArrive) {
+  int baseline = kyrtest::settledMemCount();
+  kyrtest::TestHost host;
+  host.env.trace.printf = nullptr;
+  Kyr* kyr = host.create();
+  ASSERT_NE(kyr, nullptr);
+  KyrConnector* c = kyrConnectorCreate(kyrConnectorGroupCreate(kyr, "cg1"), "http://p:9080");
+  c->cg->curConnector = c;
+  {
+    kyr::ControlLockGuard guard("test");
+    ASSERT_EQ(kyrHandleJsonFromRestService(readData("cell-routing.json").c_str(), c), 1);
+  }
+  c->cg->initialized = true;  // from now on a complete document builds a new version
+  kyr->state = STARTED;       // released contexts go back to the pool
+
+  std::atomic<bool> done{false};
+  std::atomic<int> routed{0};
+  std::atomic<int> switches{0};
+  std::latch go(kWorkers + 1);
+  std::thread updater([&] {
+    go.arrive_and_wait();
+    changeRoutingData(c, done, switches);
+  });
+  std::vector<std::thread> workers;
+  for (int w = 0; w < kWorkers; ++w) {
+    workers.emplace_back([&, w] {
+      go.arrive_and_wait();
+      // At least a few versions come and go under the requests, however fast they are.
+      for (int i = 0; i < kRequestsPerWorker || switches < 3; ++i) {
+        routed += forward(kyr, w, i) ? 1 : 0;
+      }
+    });
+  }
+  for (auto& worker : workers) worker.join();
+  done = true;
+  updater.join();
+
+  EXPECT_GT(routed.load(), kWorkers * kRequestsPerWorker / 2);
+
+  // Every request gave its count back in the version it was routed with; the current one is
+  // checked (the others are gone with their last request).
+  auto* ts = kyr::kyrRoutingInfoGetTargetSelector(kyr->routingInfo);
+  for (kyr::KyrListEle* e = kyr::kyrListGetHead(ts->allServers); e != nullptr;
+       e = kyr::kyrListGetNext(e)) {
+    auto* server = static_cast<kyr::TargetServer*>(kyr::kyrListEleGetObject(e));
+    EXPECT_EQ(server->outstandingRequestCount, 0) << server->name;
+  }
+  EXPECT_EQ(kyr->routingInfo->refCount, 1);  // only the handle holds it
+  kyr->state = STOPPED;
+  kyrDestroy(kyr);
+  kyr::trPurgeDeathRow();
+  EXPECT_EQ(kyr::kyrGetMemCount(), baseline);
+}
+
+}  // namespace

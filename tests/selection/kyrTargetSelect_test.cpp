@@ -1,0 +1,355 @@
+// Target selection through the public request context over tests/data/cell-routing.json:
+// session affinity by cookie and path parameter and what breaks it, weighted
+// least-outstanding-requests load balancing with its rotation index, the SSL protocol maps, the
+// endpoint choice, the rejects, and the affinity policies modules get.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "mapping/kyrRequestMapper.h"
+#include "request/routingFixture.h"
+#include "runtime/kyrProperties.h"
+
+namespace {
+
+using kyrtest::modulePath;
+using kyrtest::printed;
+using kyrtest::printedContains;
+using kyrtest::serverPath;
+
+class TargetSelect : public kyrtest::RoutingFixture {
+ protected:
+  void SetUp() override {
+    RoutingFixture::SetUp();
+    // Broken affinity is reported at INFO.
+    ASSERT_EQ(kyrSetDefaultTraceSpec(kyr_, ":NOTICE,http.request.select.affinity.break:INFO"), 0);
+  }
+  EnvHttpContext& withCookie(const std::string& path, const std::string& value) {
+    EnvHttpContext& r = request(path);
+    r.cookies["JSESSIONID"] = value;
+    return r;
+  }
+  EnvHttpContext& duo(const std::string& cookie = "") {
+    EnvHttpContext& r = request("/duo/x", "duo.example.com", 80);
+    if (!cookie.empty()) r.cookies["JSESSIONID"] = cookie;
+    return r;
+  }
+  static bool affinityBroken(const EnvHttpContext& r) {
+    auto it = r.headers.find("$ZQFO");
+    return it != r.headers.end() && it->second == "true";
+  }
+  static std::vector<std::string> cookieNames(kyr::HttpAffinityPolicy* hap) {
+    std::vector<std::string> names;
+    for (char** n = kyr::hapGetCookieNames(hap); n != nullptr && *n != nullptr; ++n) {
+      names.emplace_back(*n);
+    }
+    return names;
+  }
+};
+
+// ---- Affinity --------------------------------------------------------------------------------
+
+TEST_F(TargetSelect, ASessionCookieKeepsTheRequestsOnItsServer) {
+  for (int i = 0; i < 5; ++i) {
+    EnvHttpContext& r = withCookie("/shop/cart", "0000abc:c2");
+    KyrHttpContext* ctx = route(r);
+    EXPECT_EQ(serverOf(ctx), "s2");
+    EXPECT_FALSE(ctx->performedLoadBalancing);
+    EXPECT_FALSE(affinityBroken(r));
+    complete(ctx);
+    release(ctx);
+  }
+}
+
+TEST_F(TargetSelect, TheJsessionidPathParameterCarriesAffinityInEitherCase) {
+  EXPECT_EQ(serverOf(route("/shop/x;jsessionid=0001abc:c3")), "s3");
+  EXPECT_EQ(serverOf(route("/shop/x;JSESSIONID=0001abc:c2")), "s2");
+  // A name with its separator and nothing after it names no session: load balanced.
+  KyrHttpContext* ctx = route("/shop/x;jsessionid=");
+  EXPECT_TRUE(ctx->performedLoadBalancing);
+}
+
+TEST_F(TargetSelect, LaterCloneIdsOfACookieAreTriedWhenEarlierOnesCannotServe) {
+  set("server", serverPath("n1", "s1"), R"({"server.maintenancemode":"break"})");
+  EnvHttpContext& r = withCookie("/shop/a", "abc:c1:c2");
+  KyrHttpContext* ctx = route(r);
+  EXPECT_EQ(serverOf(ctx), "s2");
+  EXPECT_FALSE(ctx->performedLoadBalancing);
+  EXPECT_FALSE(affinityBroken(r));
+
+  // A session ID without clone IDs is no affinity at all, so nothing is broken.
+  EnvHttpContext& plain = withCookie("/shop/a", "abc");
+  EXPECT_TRUE(route(plain)->performedLoadBalancing);
+  EXPECT_FALSE(affinityBroken(plain));
+  EXPECT_FALSE(printedContains("Session affinity broken"));
+}
+
+TEST_F(TargetSelect, BreakMaintenanceModeBreaksAffinityAndAffinityModeKeepsIt) {
+  set("server", serverPath("n1", "s2"), R"({"server.maintenancemode":"break"})");
+  EnvHttpContext& r = withCookie("/shop/a", "abc:c2");
+  KyrHttpContext* ctx = route(r);
+  EXPECT_NE(serverOf(ctx), "s2");
+  EXPECT_NE(serverOf(ctx), "");
+  EXPECT_TRUE(ctx->performedLoadBalancing);
+  EXPECT_TRUE(affinityBroken(r));
+  EXPECT_TRUE(
+      printedContains("Session affinity broken: Server application for cloneId 'c2' is not "
+                      "selectable because server is in break maintenance mode"));
+
+  set("server", serverPath("n1", "s2"), R"({"server.maintenancemode":"affinity"})");
+  EXPECT_EQ(serverOf(route(withCookie("/shop/a", "abc:c2"))), "s2");
+  for (int i = 0; i < 12; ++i) EXPECT_NE(serve(request("/shop/a")), "s2");
+}
+
+TEST_F(TargetSelect, AServerAtItsConnectionLimitBreaksAffinity) {
+  set("server", serverPath("n1", "s2"), R"({"maxConnections":1})");
+  KyrHttpContext* held = route(withCookie("/shop/a", "abc:c2"));
+  ASSERT_EQ(serverOf(held), "s2");
+  EnvHttpContext& r = withCookie("/shop/a", "abc:c2");
+  KyrHttpContext* ctx = route(r);
+  EXPECT_NE(serverOf(ctx), "s2");  // load balancing skips it too
+  EXPECT_NE(serverOf(ctx), "");
+  EXPECT_TRUE(affinityBroken(r));
+  EXPECT_TRUE(
+      printedContains("Session affinity broken: number of outstanding requests '1' "
+                      "exceeded maximum connections '1' for the server " +
+                      serverPath("n1", "s2")));
+  complete(held);
+  EXPECT_EQ(serverOf(route(withCookie("/shop/a", "abc:c2"))), "s2");
+}
+
+TEST_F(TargetSelect, ConnectFailuresBackTheServerOffForAffinityToo) {
+  // The second failure bars the server for half a second.
+  for (int i = 0; i < 2; ++i) {
+    server("n1", "s2")->nextRetryTime = 0;  // the first back-off (50 ms) has passed
+    KyrHttpContext* ctx = route(withCookie("/shop/a", "abc:c2"));
+    ASSERT_EQ(serverOf(ctx), "s2");
+    kyrHttpContextSetState(ctx, CONNECT_FAILURE, 0, "refused");
+    EXPECT_EQ(kyrHttpContextGetMyTargetEndPoint(ctx), nullptr);
+    // The same request goes on to another server.
+    ASSERT_NE(kyrHttpContextGetTargetEndpoint(ctx), nullptr);
+    EXPECT_NE(serverOf(ctx), "s2");
+  }
+  EnvHttpContext& r = withCookie("/shop/a", "abc:c2");
+  EXPECT_NE(serverOf(route(r)), "s2");
+  EXPECT_TRUE(affinityBroken(r));
+  EXPECT_TRUE(printedContains("is not selectable because connect failure"));
+  EXPECT_TRUE(
+      printedContains("Failed to connect to server " + serverPath("n1", "s2") + ": refused"));
+}
+
+TEST_F(TargetSelect, UnknownCloneIdsFallBackToLoadBalancingAndSaySo) {
+  EnvHttpContext& r = withCookie("/shop/a", "abc:zz");
+  KyrHttpContext* ctx = route(r);
+  EXPECT_TRUE(ctx->performedLoadBalancing);
+  EXPECT_TRUE(affinityBroken(r));
+  EXPECT_TRUE(printedContains("Session affinity broken: Server was not found for cloneId 'zz'"));
+}
+
+TEST_F(TargetSelect, ServersWithoutWeightAreNeverBalancedToButKeepAffinity) {
+  set("server", serverPath("n1", "s2"), R"({"weight":0})");
+  for (int i = 0; i < 12; ++i) EXPECT_NE(serve(request("/shop/a")), "s2");
+  EXPECT_EQ(serverOf(route(withCookie("/shop/a", "abc:c2"))), "s2");
+}
+
+// ---- Load balancing --------------------------------------------------------------------------
+
+TEST_F(TargetSelect, OutstandingRequestsFollowTheWeights) {
+  int refsBefore = server("n4", "d1")->refcnt;
+  std::map<std::string, int> count;
+  for (int i = 0; i < 300; ++i) ++count[serverOf(route(duo()))];
+  EXPECT_NEAR(count["d1"], 200, 1);
+  EXPECT_NEAR(count["d2"], 100, 1);
+  EXPECT_EQ(server("n4", "d1")->outstandingRequestCount, count["d1"]);
+  EXPECT_EQ(server("n4", "d2")->outstandingRequestCount, count["d2"]);
+  for (KyrHttpContext* ctx : std::vector<KyrHttpContext*>(open_)) {
+    complete(ctx);
+    release(ctx);
+  }
+  EXPECT_EQ(server("n4", "d1")->outstandingRequestCount, 0);
+  EXPECT_EQ(server("n4", "d2")->outstandingRequestCount, 0);
+  EXPECT_EQ(server("n4", "d1")->refcnt, refsBefore);  // every request gave its reference back
+}
+
+TEST_F(TargetSelect, IdleServersTakeTurnsWhateverTheirWeights) {
+  std::vector<std::string> order;
+  for (int i = 0; i < 6; ++i) order.push_back(serve(duo()));
+  EXPECT_EQ(order, (std::vector<std::string>{"d1", "d2", "d1", "d2", "d1", "d2"}));
+}
+
+TEST_F(TargetSelect, EqualRatiosGoToTheServerMetFirstFromTheRotationIndex) {
+  ASSERT_EQ(serve(duo()), "d1");  // idle: taken, and the rotation moves past it
+  kyr::VirtualCluster* vc = virtualCluster("duo");
+  ASSERT_EQ(vc->loadBalanceIndex, 1);
+  for (int i = 0; i < 4; ++i) route(duo("x:d1"));
+  for (int i = 0; i < 2; ++i) route(duo("x:d2"));
+  // 4 requests per 2 weight against 2 per 1: the same ratio.
+  KyrHttpContext* fromOne = route(duo());
+  EXPECT_EQ(serverOf(fromOne), "d2");
+  EXPECT_EQ(vc->loadBalanceIndex, 1);  // a full pass leaves it where it began
+  complete(fromOne);
+  release(fromOne);
+
+  vc->loadBalanceIndex = 0;
+  EXPECT_EQ(serverOf(route(duo())), "d1");
+  EXPECT_EQ(vc->loadBalanceIndex, 0);
+}
+
+TEST_F(TargetSelect, BusyServersLeaveTheRotationIndexAloneUntilOneIsIdle) {
+  kyr::VirtualCluster* vc = virtualCluster("shop");
+  KyrHttpContext* onS3 = route(withCookie("/shop/a", "x:c3"));
+  route(withCookie("/shop/a", "x:c1"));
+  route(withCookie("/shop/a", "x:c2"));
+  ASSERT_EQ(vc->loadBalanceIndex, 0);
+  // Counts 1, 1, 1 with weights 2, 1, 1: s1 has the lowest load per weight, then ties with s2
+  // and wins as the first met.
+  EXPECT_EQ(serverOf(route("/shop/a")), "s1");
+  EXPECT_EQ(serverOf(route("/shop/a")), "s1");
+  EXPECT_EQ(vc->loadBalanceIndex, 0);
+  complete(onS3);
+  EXPECT_EQ(serverOf(route("/shop/a")), "s3");
+  EXPECT_EQ(vc->loadBalanceIndex, 3);  // just past the idle server
+  // From index 3, that is 0 again: s1 3 per 2, then s2 and s3 1 per 1, s2 met first.
+  EXPECT_EQ(serverOf(route("/shop/a")), "s2");
+}
+
+// ---- Protocols and endpoints -----------------------------------------------------------------
+
+TEST_F(TargetSelect, SslMapModesComeFromTheContextTheHandleOrTheModule) {
+  auto protocolFor = [&](const char* inbound, int port, KyrSSLMapMode contextMode) {
+    EnvHttpContext& r = request("/shop/a", "www.example.com", port);
+    r.protocol = inbound;
+    KyrHttpContext* ctx = obtain(r);
+    kyrHttpContextSetSSLMapMode(ctx, contextMode);
+    kyrHttpContextShouldHandle(ctx);
+    KyrTargetEndpoint* tep = kyrHttpContextGetTargetEndpoint(ctx);
+    return std::string(tep != nullptr ? kyrTargetEndpointGetProtocol(tep) : "none");
+  };
+  EXPECT_EQ(protocolFor("http", 80, NullMapMode), "http");
+  EXPECT_EQ(protocolFor("https", 443, NullMapMode), "https");
+  EXPECT_EQ(protocolFor("https", 443, SSLOffLoad), "http");
+  EXPECT_EQ(protocolFor("http", 80, SSLOnLoad), "https");
+
+  set("webModule", modulePath("shop"), R"({"protocolMap":"http"})");
+  EXPECT_EQ(protocolFor("https", 443, NullMapMode), "http");
+  kyrSetSSLMapMode(kyr_, SSLOnLoad);  // the handle's mode wins over the module's
+  EXPECT_EQ(protocolFor("http", 80, NullMapMode), "https");
+  EXPECT_EQ(protocolFor("https", 443, MapInboundToOutbound), "https");
+}
+
+TEST_F(TargetSelect, AServerWithOnlyHttpsEndpointsIsReachedOverHttps) {
+  KyrHttpContext* ctx = route("/vault/a");
+  KyrTargetEndpoint* tep = kyrHttpContextGetMyTargetEndPoint(ctx);
+  ASSERT_NE(tep, nullptr);
+  EXPECT_STREQ(kyrTargetEndpointGetProtocol(tep), "https");
+  EXPECT_EQ(kyrTargetEndpointGetPort(tep), 9443);
+}
+
+TEST_F(TargetSelect, TheMatchedVirtualHostChoosesTheEndpointWhenEnabled) {
+  KyrTargetEndpoint* tep = kyrHttpContextGetMyTargetEndPoint(route(duo("x:d1")));
+  ASSERT_NE(tep, nullptr);
+  EXPECT_STREQ(kyrTargetEndpointGetHostName(tep), "d1.internal");  // the first one
+  ASSERT_EQ(kyr::kyrPropertySet(kyr::kyrGetProperties(kyr_),
+                                "enableEndpointSelectionBasedOnMatchedVHost", "true", true),
+            0);
+  tep = kyrHttpContextGetMyTargetEndPoint(route(duo("x:d1")));
+  ASSERT_NE(tep, nullptr);
+  EXPECT_STREQ(kyrTargetEndpointGetHostName(tep), "duo.example.com");
+  // A server none of whose endpoints the virtual host accepts still gets its first one.
+  tep = kyrHttpContextGetMyTargetEndPoint(route(duo("x:d2")));
+  ASSERT_NE(tep, nullptr);
+  EXPECT_STREQ(kyrTargetEndpointGetHostName(tep), "d2.internal");
+}
+
+// ---- Rejects ---------------------------------------------------------------------------------
+
+TEST_F(TargetSelect, RequestsNothingCanServeAreRejectedWithStatusAndReason) {
+  auto expectReject = [](KyrHttpContext* ctx, int code, const char* reason) {
+    EXPECT_EQ(kyrHttpContextGetMyTargetEndPoint(ctx), nullptr);
+    EXPECT_EQ(kyrHttpContextGetAction(ctx), REJECT);
+    EXPECT_EQ(kyrHttpContextGetErrorCode(ctx), code);
+    EXPECT_STREQ(kyrHttpContextGetErrorMsg(ctx), reason);
+  };
+  expectReject(route("/orphan/a"), 500, "no cluster");
+  expectReject(route("/empty/a"), 503, "no server was found running web module");
+  EXPECT_TRUE(
+      printedContains("503 error: no servers are running web module '" + modulePath("empty")));
+  EXPECT_TRUE(printedContains("503 response for module '" + modulePath("empty") + "':"));
+  expectReject(route("/nowhere"), 404, "no mapping found");
+
+  EnvHttpContext& ftp = request("/shop/a");
+  ftp.protocol = "ftp";
+  expectReject(route(ftp), 500, "negative protocol index");
+
+  KyrHttpContext* ctx = obtain(request("/shop/a"));
+  ASSERT_EQ(kyrHttpContextShouldHandle(ctx), 1);
+  kyrHttpContextSetModuleName(ctx, "/cell/route/application/shop/webModule/gone.war");
+  EXPECT_EQ(kyrHttpContextGetTargetEndpoint(ctx), nullptr);
+  expectReject(ctx, 404, "web module not found by selector");
+}
+
+TEST_F(TargetSelect, AfterAResponseTimeoutNoOtherServerMeans504) {
+  KyrHttpContext* ctx = route("/vault/a");
+  ASSERT_EQ(serverOf(ctx), "s4");
+  kyrHttpContextSetState(ctx, CONNECT_SUCCESS, 0, nullptr);
+  kyrHttpContextSetState(ctx, REQUEST_SENT, 0, nullptr);
+  kyrHttpContextSetState(ctx, RESPONSE_TIMEOUT, 0, nullptr);
+  EXPECT_EQ(kyrHttpContextGetNumOfResponseTimeouts(ctx), 1);
+  EXPECT_EQ(kyrHttpContextGetTargetEndpoint(ctx), nullptr);
+  EXPECT_EQ(kyrHttpContextGetErrorCode(ctx), 504);
+  EXPECT_STREQ(kyrHttpContextGetErrorMsg(ctx), "response timed out");
+  EXPECT_TRUE(printedContains("504 response for module '" + modulePath("vault") + "':"));
+}
+
+// ---- Affinity policies -----------------------------------------------------------------------
+
+TEST_F(TargetSelect, AModulesPolicyTakesTheClustersCookiesSeparatorAndLearning) {
+  kyr::HttpAffinityPolicy* shop = kyr::kyrHttpContextGetAffinityPolicy(route("/shop/a"));
+  ASSERT_NE(shop, nullptr);
+  EXPECT_EQ(cookieNames(shop), std::vector<std::string>{"JSESSIONID"});
+  EXPECT_STREQ(kyr::hapGetDelimiter(shop), ":");
+  EXPECT_FALSE(kyr::hapGetLearnServerIDs(shop));
+  kyr::HttpAffinityPolicy* portal = kyr::kyrHttpContextGetAffinityPolicy(route("/portal/a"));
+  ASSERT_NE(portal, nullptr);
+  EXPECT_TRUE(kyr::hapGetLearnServerIDs(portal));
+  // Without cookie names anywhere the cluster gets the two standard ones.
+  kyr::HttpAffinityPolicy* vault = kyr::kyrHttpContextGetAffinityPolicy(route("/vault/a"));
+  ASSERT_NE(vault, nullptr);
+  EXPECT_EQ(cookieNames(vault), (std::vector<std::string>{"ZQJSESSIONID", "JSESSIONID"}));
+}
+
+TEST_F(TargetSelect, AMemberAskingForTheNewSeparatorMakesItPlus) {
+  set("server", serverPath("n2", "s3"), R"({"cloneSeparatorChange":true})");
+  KyrHttpContext* ctx = route(withCookie("/shop/a", "abc+c2"));
+  EXPECT_STREQ(kyr::hapGetDelimiter(kyr::kyrHttpContextGetAffinityPolicy(ctx)), "+");
+  EXPECT_EQ(serverOf(ctx), "s2");
+}
+
+TEST_F(TargetSelect, TheDefaultPolicyRunsTheCookieNameOntoTheLastStandardName) {
+  auto* ts = kyr::kyrRoutingInfoGetTargetSelector(kyr_->routingInfo);
+  auto* wm = object<kyr::WebModule>(modulePath("orphan"));
+  ASSERT_NE(wm, nullptr);
+  kyr::HttpAffinityPolicy* hap = kyr::getAffinityPolicy(ts, wm, nullptr);
+  EXPECT_EQ(cookieNames(hap),
+            (std::vector<std::string>{"JSESSIONID", "SSLJSESSIONIDZQJSESSIONID"}));
+  EXPECT_STREQ(kyr::hapGetDelimiter(hap), ":");
+  EXPECT_FALSE(kyr::hapGetLearnServerIDs(hap));
+
+  // The library's properties map keeps plain copies, which it frees with the handle.
+  kyr::KyrProperties* props = kyr::kyrGetProperties(kyr_);
+  ASSERT_EQ(kyr::kyrPropertySet(props, "TarnwickSessionCookieName", strdup("MYSESSION"), false), 0);
+  EXPECT_EQ(cookieNames(kyr::getDefaultPolicy(ts, wm)),
+            (std::vector<std::string>{"JSESSIONID", "SSLJSESSIONIDMYSESSION"}));
+  ASSERT_EQ(kyr::kyrPropertySet(props, "HttpSessionCookies", strdup("A,,B"), false), 0);
+  EXPECT_EQ(cookieNames(kyr::getDefaultPolicy(ts, wm)), (std::vector<std::string>{"A", "B"}));
+  ASSERT_EQ(kyr::kyrPropertySet(props, "HttpSessionAffinityPolicyDescriptor", strdup("d1"), false),
+            0);
+  hap = kyr::getDefaultPolicy(ts, wm);
+  EXPECT_STREQ(hap->descriptor, "d1");
+  EXPECT_EQ(kyr::hapGetCookieNames(hap), nullptr);
+}
+
+}  // namespace
