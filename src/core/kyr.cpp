@@ -11,6 +11,8 @@
 #include "core/kyrHandleProperties.h"
 #include "core/kyrPartitionData.h"
 #include "core/kyrRoutingInfo.h"
+#include "lang/kyrHttpLanguage.h"
+#include "lang/kyrRule.h"
 #include "request/kyrHttpContext.h"
 #include "runtime/kyrLibUtil.h"
 #include "trace/trWrite.h"
@@ -106,6 +108,9 @@ void initFields(Kyr* kyr) {
   kyr->controlState = nullptr;
   kyr->privateHeadersDisabled = false;
   kyr->maxElapsedTimePerRequestInMillis = static_cast<KyrTime>(-1);
+  kyr->httpLanguage = langCreateHttpLanguage(kyr->trCtx, kyr->processRec);
+  kyr->requestTraceRules = kyrRulesCreate(kyr->httpLanguage, kyr);
+  kyrRulesSetType(kyr->requestTraceRules, KYRRULESTYPE_VQTRACESPEC);
 }
 
 }  // namespace
@@ -115,6 +120,8 @@ void initFields(Kyr* kyr) {
 // released it before the count can reach zero.
 void kyrHandleFree(Kyr* kyr) {
   kyrListDestroy(kyr->contextPool);
+  kyrRulesFree(kyr->requestTraceRules);
+  langFree(kyr->httpLanguage);
   kyrListDestroy(kyr->connectorGroupList);
   kyrHashMapDestroy(kyr->endPointRefMap);
   kyrLockDestroy(kyr->endPointRefLock);

@@ -6,6 +6,7 @@
 
 #include "core/kyrRoutingData.h"
 #include "core/kyrMappingRows.h"
+#include "core/kyrRuleRows.h"
 #include "core/kyrTargetModelRows.h"
 #include "runtime/kyrLibUtil.h"
 
@@ -40,7 +41,8 @@ const ObjectHandler kCellRow = {"cell",   RoutingInfo,     false,   cellCreate,
 const ObjectHandler* const kObjectHandlers[] = {
     &kCellRow,        &kNodeRow,      &kServerRow,     &kServerApplicationRow,
     &kTransportRow,   &kClusterRow,   &kApplicationRow, &kWebModuleRow,
-    &kUriRow,         &kVHostGroupRow, &kVHostRow,
+    &kUriRow,         &kVHostGroupRow, &kVHostRow,      &kWebRouteWorkClassRow,
+    &kRuleRow,        &kRuleSetRow,
 };
 
 const RelationshipHandler kRelationshipHandlers[] = {

@@ -7,6 +7,7 @@
 #include "connector/kyrConnectorGroup.h"
 #include "core/kyrObjectHandlers.h"
 #include "core/kyrRoutingData.h"
+#include "core/kyrRuleRows.h"
 #include "mapping/kyrRequestMapper.h"
 #include "runtime/kyrLibUtil.h"
 #include "selection/kyrTargetSelector.h"
@@ -20,6 +21,7 @@ void routingInfoDelete(KyrRoutingInfo* ri) {
   // Objects are freed by their owners (selector, mapper); the map frees only its wrappers.
   kyrHashMapSetDestructor(ri->objectMap, objectWrapperFree);
   kyrHashMapDestroy(ri->objectMap);
+  kyrListDestroy(ri->ruleParents);
   rmDelete(ri->requestMapper);
   tsDelete(ri->targetSelector);
   if (ri->cell != nullptr) cellDelete(ri->cell);
@@ -33,6 +35,7 @@ KyrRoutingInfo* kyrRoutingInfoCreate(Kyr* kyr) {
   auto* ri = kyrNew<KyrRoutingInfo>();
   ri->kyr = kyr;
   ri->objectMap = kyrHashMapCreate2(objectWrapperDelete);
+  ri->ruleParents = kyrListCreate(ruleParentFree);
   ri->requestMapper = rmCreate(ri);
   ri->targetSelector = tsCreate(ri);
   ri->refCount = 1;  // the handle's hold

@@ -25,6 +25,9 @@ struct KyrRoutingInfo {
   RequestMapper* requestMapper;
   TargetSelector* targetSelector;
   int refCount;  // the handle's hold plus one per request; guarded by kyr->routingInfoLock
+  // The wrappers that make work classes and trace rule sets parents of rules: they live as
+  // long as the version, and a trace rule set goes with its wrapper.
+  KyrList* ruleParents;
 };
 
 KyrRoutingInfo* kyrRoutingInfoCreate(Kyr* kyr);

@@ -1,6 +1,8 @@
 // The handle's trace settings: the default trace specification of the whole library, the
 // default specification for requests, and conditional request-trace rules.
 #include "core/kyr.h"
+#include "core/kyrRuleRows.h"
+#include "lang/kyrRule.h"
 #include "runtime/kyrUtil.h"
 #include "trace/trWrite.h"
 
@@ -45,11 +47,21 @@ int kyrSetTraceSpecification(Kyr* kyr, const char* name, const char* traceSpecSt
     trLog(kyr->trCtx, kyr->defaultTraceSpecSet, traceSpecStr);
     return 0;
   }
-  // Conditional specifications live in the request-trace rule set, which is built on the HTTP
-  // rule language; a handle without one cannot hold them.
-  (void)condition;
-  trSpecRefRelease(spec);
-  return -5;
+  // A named specification traces only the requests its condition matches.
+  int order = ruleNameToSortOrder(name);
+  KyrRule* rule = kyrRuleCreate(kyr->requestTraceRules);
+  kyrRuleSetType(rule, KYRRULETYPE_REQUESTTRACE);
+  kyrRuleSetObject(rule, spec);
+  if (condition != nullptr) kyrRuleSetExpr(rule, condition);
+  kyrRuleSetOrder(rule, order);
+  kyrRuleInit(rule);
+  trDebug(kyr->trCtx, kyr->processRec, "Created request trace rule with order %d.", order);
+  trDebug(kyr->trCtx, kyr->processRec,
+          "kyrSetTraceSpecification: Created conditional trace rule spec='%s', condition='%s'.",
+          traceSpecStr, condition != nullptr ? condition : "null");
+  trLog(kyr->trCtx, kyr->requestTraceSpecAdded, order, condition != nullptr ? condition : "null",
+        traceSpecStr);
+  return 0;
 }
 
 // A new reference, as trContextGetSpec hands out: the caller releases it.

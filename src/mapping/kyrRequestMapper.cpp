@@ -8,7 +8,9 @@
 #include <memory>
 
 #include "core/kyrRoutingInfo.h"
+#include "lang/kyrAction.h"
 #include "mapping/URIMatcher.h"
+#include "mapping/kyrWebRouteWorkClass.h"
 #include "runtime/kyrLibUtil.h"
 #include "runtime/kyrUtil.h"
 #include "selection/kyrTargetSelector.h"
@@ -116,7 +118,8 @@ Application* rmApplicationCreate(RequestMapper* rm, const char* name) {
   app->simpleName = kyrPathToName(name);
   app->edition = kyrStrdup("");
   app->webModules = kyrListCreate([](void* wm) { rmWebModuleDelete(static_cast<WebModule*>(wm)); });
-  app->webRouteWorkClasses = kyrListCreate(nullptr);
+  app->webRouteWorkClasses = kyrListCreate(
+      [](void* wc) { rmWebRouteWorkClassDelete(static_cast<WebRouteWorkClass*>(wc)); });
   char* rootName = appNameToAppRootName(name);
   {
     KyrLockGuard guard(rm->lock, "rmApplicationCreate");
@@ -258,8 +261,36 @@ const char* pathOnly(const char* s) {
 const char* evaluateAppEditionRoutingRules(Application* app, KyrHttpContext* ctx) {
   // Editions are chosen by the rules of the application's default work class; an application
   // without one always serves its own edition.
-  kyrHttpContextSetPermit(ctx, app->edition, false);
-  return app->edition;
+  WebRouteWorkClass* wc = app->defaultWebRouteWorkClass;
+  if (wc == nullptr) {
+    kyrHttpContextSetPermit(ctx, app->edition, false);
+    return app->edition;
+  }
+  KyrRule* rule = kyrRulesFindMatchingRule(kyrHttpContextGetTrContext(ctx), wc->rules, ctx);
+  if (rule == nullptr) {
+    kyrHttpContextSetReject(ctx, 500, "no edition routing rule match found; Error Status Code=500");
+    return nullptr;
+  }
+  const auto* action = static_cast<const Action*>(kyrRuleGetObject(rule));
+  if (action == nullptr) {
+    kyrHttpContextSetReject(ctx, 500, "no edition routing rule action found; Error Status Code=500");
+    return nullptr;
+  }
+  switch (actionGetType(action)) {
+    case REDIRECT:
+      kyrHttpContextSetRedirect(ctx, actionGetRedirectUrl(action));
+      return nullptr;
+    case PERMIT:
+      kyrHttpContextSetPermit(ctx, actionGetEdition(action), actionGetPermitSticky(action));
+      return actionGetEdition(action);
+    case REJECT:
+      kyrHttpContextSetReject(ctx, actionGetRejectErrorCode(action),
+                              "matched reject edition routing rule");
+      return nullptr;
+    default:
+      kyrHttpContextSetReject(ctx, 500, "invalid edition routing rule action; Error Status Code=500");
+      return nullptr;
+  }
 }
 
 int rmMapRequest(RequestMapper* rm, KyrHttpContext* ctx) {

@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "lang/kyrRule.h"
 #include "mapping/kyrRequestMapper.h"
 #include "runtime/kyrLibUtil.h"
 #include "runtime/kyrTime.h"
@@ -46,10 +47,32 @@ KyrHttpContext* takeFromPool(Kyr* kyr) {
   return ctx;
 }
 
-// Without a matching request-trace rule a request traces with the "DefaultRequestTraceSpec"
-// custom property when one is set, else with the handle's default specification.
+// The specification of the first request-trace rule the request matches, with a reference
+// for the caller; null when none matches.
+TrSpec* matchRequestTraceRule(KyrHttpContext* ctx) {
+  KyrRules* rules = ctx->kyr->requestTraceRules;
+  kyrRulesLockObtain(rules, "initRequestTraceSpec");
+  KyrRule* rule = kyrRulesFindMatchingRule(ctx->trContext, rules, ctx);
+  TrSpec* spec = rule != nullptr ? static_cast<TrSpec*>(kyrRuleGetObject(rule)) : nullptr;
+  if (spec != nullptr) trSpecRefObtain(spec);
+  kyrRulesLockRelease(rules);
+  if (spec != nullptr) {
+    trLog(ctx->trContext, ctx->trRecTraceRuleMatches, kyrRuleGetOrder(rule),
+          kyrRuleGetTypeString(rule), kyrRuleGetExpressionString(rule),
+          kyrHttpContextGetVirtualHost(ctx), kyrHttpContextGetVirtualPort(ctx),
+          kyrHttpContextGetPath(ctx));
+  }
+  return spec;
+}
+
+// A request matching a request-trace rule traces with its specification; otherwise with the
+// "DefaultRequestTraceSpec" custom property when one is set, else with the handle's default.
 void initRequestTraceSpec(KyrHttpContext* ctx) {
   Kyr* kyr = ctx->kyr;
+  if (TrSpec* matched = matchRequestTraceRule(ctx)) {
+    trContextSetSpec(ctx->trContext, matched);
+    return;
+  }
   TrSpec* spec;
   {
     KyrLockGuard guard(kyr->trSpecLock, "initRequestTraceSpec");

@@ -1,0 +1,76 @@
+// Work classes and their edition routing rules.
+#include "mapping/kyrWebRouteWorkClass.h"
+
+#include <cstring>
+
+#include "core/kyrRoutingInfo.h"
+#include "lang/kyrAction.h"
+#include "runtime/kyrLibUtil.h"
+#include "trace/trWrite.h"
+
+namespace kyr {
+
+bool isDefaultWebRouteWorkClass(const WebRouteWorkClass* wc) {
+  static constexpr char kSuffix[] = "Default_HTTP_WC";
+  if (wc->name == nullptr) return false;
+  size_t length = strlen(wc->name);
+  return length >= sizeof kSuffix - 1 &&
+         strcmp(wc->name + length - (sizeof kSuffix - 1), kSuffix) == 0;
+}
+
+WebRouteWorkClass* rmWebRouteWorkClassCreate(Application* app, const char* name) {
+  RequestMapper* rm = app->rm;
+  trDebug(rm->trCtx, rm->debugCtl, "rmWebRouteWorkClassCreate: name='%s'\n",
+          name != nullptr ? name : "null");
+  auto* wc = kyrNew<WebRouteWorkClass>();
+  wc->application = app;
+  wc->name = name != nullptr ? kyrStrdup(name) : nullptr;
+  Kyr* kyr = kyrRoutingInfoGetKyr(rm->ri);
+  wc->rules = kyrRulesCreate(kyrGetHttpLanguage(kyr), kyr);
+  kyrRulesSetType(wc->rules, KYRRULESTYPE_WEBROUTEWORKCLASS);
+  return wc;
+}
+
+void rmWebRouteWorkClassInit(WebRouteWorkClass* wc) {
+  Application* app = wc->application;
+  kyrListAddTail(app->webRouteWorkClasses, wc);
+  if (isDefaultWebRouteWorkClass(wc)) app->defaultWebRouteWorkClass = wc;
+}
+
+void rmWebRouteWorkClassDelete(WebRouteWorkClass* wc) {
+  Application* app = wc->application;
+  if (app->defaultWebRouteWorkClass == wc) app->defaultWebRouteWorkClass = nullptr;
+  kyrListFindAndRemove(app->webRouteWorkClasses, wc);
+  // The rules are released one by one by their own deletes; what is left goes with the set.
+  kyrRulesFree(wc->rules);
+  kyrFree(wc->name);
+  kyrDelete(wc);
+}
+
+bool rmWebRouteWorkClassSetPropStr(WebRouteWorkClass*, const char*, const char*) { return false; }
+bool rmWebRouteWorkClassSetPropInt(WebRouteWorkClass*, const char*, int) { return false; }
+bool rmWebRouteWorkClassSetPropBool(WebRouteWorkClass*, const char*, bool) { return false; }
+
+KyrRule* rmEditionRoutingRuleCreate(WebRouteWorkClass* wc, const char* name) {
+  KyrRule* rule = kyrRuleCreate(wc->rules);
+  kyrRuleSetApplication(rule, wc->application);
+  kyrRuleSetType(rule, KYRRULETYPE_WEBROUTEWORKCLASS);
+  bool isDefault = name != nullptr && strcmp(name, "default") == 0;
+  kyrRuleSetOrder(rule, isDefault ? kKyrRuleDefaultOrder : ruleNameToSortOrder(name));
+  return rule;
+}
+
+bool rmEditionRoutingRuleSetPropStr(KyrRule* rule, const char*, const char* value) {
+  actionDelete(static_cast<Action*>(kyrRuleGetObject(rule)));
+  kyrRuleSetObject(rule, actionCreate(value));
+  return true;
+}
+
+bool rmEditionRoutingRuleSetPropInt(KyrRule*, const char*, int) { return false; }
+bool rmEditionRoutingRuleSetPropBool(KyrRule*, const char*, bool) { return false; }
+
+void rmEditionRoutingRuleInit(KyrRule* rule) { kyrRulesInsertRule(kyrRuleGetRules(rule), rule); }
+
+void rmEditionRoutingRuleDelete(KyrRule* rule) { kyrRuleFree(rule); }
+
+}  // namespace kyr
