@@ -2,7 +2,7 @@
 # a fresh Debian 12 machine (as root, or with sudo available).
 
 APT_PACKAGES := cmake ninja-build g++ pkg-config libjansson-dev libgtest-dev libgmock-dev \
-                libbenchmark-dev
+                libbenchmark-dev libcli11-dev
 BUILD ?= build
 CTEST_ARGS ?= --output-on-failure -j2
 
@@ -17,9 +17,10 @@ build: deps
 	cmake -S . -B $(BUILD) -G Ninja
 	cmake --build $(BUILD)
 
-# The main job: a small host creates, starts, stops and destroys a library handle.
+# The main job: kyrroute loads the example cell and shows where each example request goes.
 run: build
-	$(BUILD)/examples/minimal_host data/kyr-trace.xml
+	$(BUILD)/tools/kyrroute/kyrroute --server-name shop_n1_webserver1 route \
+	    --doc examples/cell/cell.json --requests examples/cell/requests.txt
 
 test: build
 	cd $(BUILD) && ctest $(CTEST_ARGS)
