@@ -2,8 +2,9 @@
 // mapping), get-target-endpoint (affinity or load balancing, private headers), the connect,
 // sent and response-arrived reports (response processing of a Set-Cookie, outstanding counts,
 // statistics) and release, against a generated cell of 20 clusters of 10 servers running 50
-// applications with 200 web modules. "affinity" requests carry a session cookie naming a
-// member; "balance" requests carry none.
+// applications, each in two editions chosen by edition routing rules, with 200 web modules per
+// edition. "affinity" requests carry a session cookie naming a member; "balance" requests carry
+// none.
 #include <benchmark/benchmark.h>
 
 #include <cstring>
@@ -34,6 +35,7 @@ kyrtools::CellShape routeShape() {
   shape.serversPerCluster = 10;
   shape.applications = 50;
   shape.modulesPerApp = 4;
+  shape.secondEditions = true;
   return shape;
 }
 const kyrtools::CellShape kShape = routeShape();

@@ -85,12 +85,32 @@ std::string uriPattern(int k) {
   }
 }
 
-std::string appName(const CellShape& shape, int app) {
-  return "/cell/" + shape.cell + "/application/app" + std::to_string(app);
+std::string appName(const CellShape& shape, const std::string& edition) {
+  return "/cell/" + shape.cell + "/application/" + edition;
 }
 
-std::string moduleName(const CellShape& shape, int app, int module) {
-  return appName(shape, app) + "/webModule/mod" + std::to_string(module) + ".war";
+// The application names of application `app`: its first edition, then any later ones.
+std::vector<std::string> editionNames(const CellShape& shape, int app) {
+  std::string first = "app" + std::to_string(app);
+  if (!shape.secondEditions) return {first};
+  return {first, first + "-edition2"};
+}
+
+json_t* rule(const std::string& name, const char* expression, const std::string& action) {
+  json_t* r = object("rule", "/rule/" + name);
+  if (expression != nullptr) withProp(r, "expression", json_string(expression));
+  withProp(r, "action", json_string(action.c_str()));
+  return r;
+}
+
+// The default work class of a first edition, choosing between it and the second.
+json_t* editionRules(const std::vector<std::string>& editions) {
+  json_t* wc = object("webRouteWorkClass", "/webRouteWorkClass/" + editions[0] + "_Default_HTTP_WC");
+  json_t* rules = children(wc);
+  json_array_append_new(rules, rule("10", "header$X-Beta = 'yes'", "permitsticky:" + editions[1]));
+  json_array_append_new(rules, rule("20", "percentage$10", "permit:" + editions[1]));
+  json_array_append_new(rules, rule("default", nullptr, "permit:" + editions[0]));
+  return wc;
 }
 
 }  // namespace
@@ -145,11 +165,11 @@ std::string completeDocument(const CellShape& shape) {
     json_array_append_new(serverObjects, transport("https", host, 9443));
     for (int a = 0; a < applicationCount(shape); ++a) {
       if (clusterOfApplication(shape, a) != cluster) continue;
-      json_t* sapp = object("serverApplication", "/serverApplication/app" + std::to_string(a));
-      json_t* sappProps = json_object();
-      json_object_set_new(sappProps, "state", json_string("STARTED"));
-      json_object_set_new(sapp, "props", sappProps);
-      json_array_append_new(serverObjects, sapp);
+      for (const std::string& name : editionNames(shape, a)) {
+        json_t* sapp = object("serverApplication", "/serverApplication/" + name);
+        withProp(sapp, "state", json_string("STARTED"));
+        json_array_append_new(serverObjects, sapp);
+      }
     }
     json_array_append_new(nodeObjects[static_cast<size_t>(s % shape.nodes)], server);
 
@@ -181,30 +201,39 @@ std::string completeDocument(const CellShape& shape) {
   int moduleCount = 0;
   for (int a = 0; a < applicationCount(shape); ++a) {
     int cluster = clusterOfApplication(shape, a);
-    json_t* app = object("application", "/application/app" + std::to_string(a));
-    withProp(app, "state", json_string("STARTED"));
-    json_t* modules = children(app);
-    for (int m = 0; m < shape.modulesPerApp; ++m) {
-      json_t* module = object("webModule", "/webModule/mod" + std::to_string(m) + ".war");
-      withProp(module, "contextRoot", json_string(contextRoot(a, m).c_str()));
-      json_t* uris = children(module);
-      for (int k = 0; k < shape.urisPerModule; ++k) {
-        json_array_append_new(uris, object("uri", "/uri/" + escaped(uriPattern(k))));
+    std::string clusterName = "/cell/" + shape.cell + "/cluster/c" + std::to_string(cluster);
+    std::vector<std::string> editions = editionNames(shape, a);
+    for (size_t e = 0; e < editions.size(); ++e) {
+      json_t* app = object("application", "/application/" + editions[e]);
+      withProp(app, "state", json_string("STARTED"));
+      if (e > 0) withProp(app, "edition", json_string(std::to_string(e + 1).c_str()));
+      json_t* appObjects = children(app);
+      for (int m = 0; m < shape.modulesPerApp; ++m) {
+        json_t* module = object("webModule", "/webModule/mod" + std::to_string(m) + ".war");
+        withProp(module, "contextRoot", json_string(contextRoot(a, m).c_str()));
+        json_t* uris = children(module);
+        for (int k = 0; k < shape.urisPerModule; ++k) {
+          json_array_append_new(uris, object("uri", "/uri/" + escaped(uriPattern(k))));
+        }
+        json_array_append_new(appObjects, module);
+        std::string name = appName(shape, editions[e]) + "/webModule/mod" + std::to_string(m) +
+                           ".war";
+        json_array_append_new(clusterModule, link("cluster", clusterName, "webModule", name));
+        // Requests reach a later edition through the first edition's rules, not by URL.
+        if (e == 0) {
+          std::string group = "/cell/" + shape.cell + "/vHostGroup/vhg" +
+                              std::to_string(moduleCount++ % shape.vHostGroups);
+          json_array_append_new(groupModule, link("vHostGroup", group, "webModule", name));
+        }
+        for (int s = 0; s < shape.serversPerCluster; ++s) {
+          json_array_append_new(
+              serverModule, link("server", serverName(shape, cluster * shape.serversPerCluster + s),
+                                 "webModule", name));
+        }
       }
-      json_array_append_new(modules, module);
-      std::string name = moduleName(shape, a, m);
-      std::string clusterName = "/cell/" + shape.cell + "/cluster/c" + std::to_string(cluster);
-      json_array_append_new(clusterModule, link("cluster", clusterName, "webModule", name));
-      std::string group = "/cell/" + shape.cell + "/vHostGroup/vhg" +
-                          std::to_string(moduleCount++ % shape.vHostGroups);
-      json_array_append_new(groupModule, link("vHostGroup", group, "webModule", name));
-      for (int s = 0; s < shape.serversPerCluster; ++s) {
-        json_array_append_new(
-            serverModule, link("server", serverName(shape, cluster * shape.serversPerCluster + s),
-                               "webModule", name));
-      }
+      if (e == 0 && editions.size() > 1) json_array_append_new(appObjects, editionRules(editions));
+      json_array_append_new(cellObjects, app);
     }
-    json_array_append_new(cellObjects, app);
   }
 
   json_t* relationships = json_object();

@@ -18,6 +18,10 @@ struct CellShape {
   // Above 0: this many applications in all, given to the clusters in turn, in place of
   // appsPerCluster (so that a cell may have fewer applications than clusters, or any number).
   int applications = 0;
+  // Every application also in a second edition ("app<N>-edition2", edition "2") on the same
+  // cluster, chosen by edition routing rules of the first: "X-Beta: yes" sticks to edition 2,
+  // 10% of other requests go there, the rest stay on the first edition.
+  bool secondEditions = false;
 };
 
 // Every server has an http and an https transport, a clone id and its server applications;
