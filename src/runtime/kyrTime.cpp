@@ -62,10 +62,24 @@ long kyrTimeoutCalcAddSample(KyrTimeoutCalc* calc, KyrTime curTime, bool timeout
   return percent;
 }
 
+namespace {
+
+// getpid is a system call on every use, and percentage rules draw once per request; the
+// process id is remembered, and renewed in a forked child.
+pid_t processId() {
+  static pid_t pid = [] {
+    pthread_atfork(nullptr, nullptr, [] { pid = getpid(); });
+    return getpid();
+  }();
+  return pid;
+}
+
+}  // namespace
+
 int kyrRandom() {
   // Seeded afresh per call so concurrent threads share no generator state.
   auto seed = static_cast<unsigned>(kyrGetCurrentTime()) +
-              static_cast<unsigned>(getpid()) * static_cast<unsigned>(pthread_self());
+              static_cast<unsigned>(processId()) * static_cast<unsigned>(pthread_self());
   return rand_r(&seed);
 }
 
