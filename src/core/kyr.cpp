@@ -120,9 +120,9 @@ void initFields(Kyr* kyr) {
 // released it before the count can reach zero.
 void kyrHandleFree(Kyr* kyr) {
   kyrListDestroy(kyr->contextPool);
+  kyrListDestroy(kyr->connectorGroupList);
   kyrRulesFree(kyr->requestTraceRules);
   langFree(kyr->httpLanguage);
-  kyrListDestroy(kyr->connectorGroupList);
   kyrHashMapDestroy(kyr->endPointRefMap);
   kyrLockDestroy(kyr->endPointRefLock);
   kyrHashMapDestroy(kyr->sappMap);

@@ -21,6 +21,7 @@ void routingInfoDelete(KyrRoutingInfo* ri) {
   // Objects are freed by their owners (selector, mapper); the map frees only its wrappers.
   kyrHashMapSetDestructor(ri->objectMap, objectWrapperFree);
   kyrHashMapDestroy(ri->objectMap);
+  kyrListDestroy(ri->traceRuleSets);
   kyrListDestroy(ri->ruleParents);
   rmDelete(ri->requestMapper);
   tsDelete(ri->targetSelector);
@@ -36,6 +37,7 @@ KyrRoutingInfo* kyrRoutingInfoCreate(Kyr* kyr) {
   ri->kyr = kyr;
   ri->objectMap = kyrHashMapCreate2(objectWrapperDelete);
   ri->ruleParents = kyrListCreate(ruleParentFree);
+  ri->traceRuleSets = kyrListCreate(nullptr);  // the sets go with their wrappers
   ri->requestMapper = rmCreate(ri);
   ri->targetSelector = tsCreate(ri);
   ri->refCount = 1;  // the handle's hold

@@ -28,6 +28,9 @@ struct KyrRoutingInfo {
   // The wrappers that make work classes and trace rule sets parents of rules: they live as
   // long as the version, and a trace rule set goes with its wrapper.
   KyrList* ruleParents;
+  // This web server's trace rule sets ("vqTraceSpecs"), which requests holding this version
+  // consult for their trace specification. Guarded by the lock of kyr->requestTraceRules.
+  KyrList* traceRuleSets;
 };
 
 KyrRoutingInfo* kyrRoutingInfoCreate(Kyr* kyr);

@@ -1,6 +1,8 @@
 // Rule rows of the routing-data reader. Work classes and trace rule sets are stored wrapped,
 // so that a rule below either finds out which kind of set it joins; a trace rule's action is a
 // trace specification, and a control trace rule's becomes the handle's default at once.
+// Requests read the rules of a published version while deltas change them in place, so every
+// change to a rule already in a set is made under that set's lock, which matching also holds.
 #include "core/kyrRuleRows.h"
 
 #include <cstring>
@@ -19,17 +21,32 @@ namespace {
 
 constexpr int kControlTraceOrder = 999999;
 
+// The object of a trace rule set's wrapper: the set, and the version whose requests consult it.
+struct TraceRuleSet {
+  KyrRules* rules;
+  KyrRoutingInfo* ri;
+};
+
 KyrRuleParentWrapper* wrapperOf(void* obj) { return static_cast<KyrRuleParentWrapper*>(obj); }
 
 WebRouteWorkClass* workClassOf(void* obj) {
   return static_cast<WebRouteWorkClass*>(kyrRuleParentWrapperGetObject(wrapperOf(obj)));
 }
 
-KyrRules* traceRulesOf(void* obj) {
-  return static_cast<KyrRules*>(kyrRuleParentWrapperGetObject(wrapperOf(obj)));
+TraceRuleSet* traceSetOf(void* obj) {
+  return static_cast<TraceRuleSet*>(kyrRuleParentWrapperGetObject(wrapperOf(obj)));
 }
 
-// ---- webRouteWorkClass
+// Parents are found by name, so a document may put an object under any type; the casts below
+// are only safe under the expected one.
+bool parentTypeIs(const char* fullName, const char* type) {
+  char* parentName = kyrGetParentName(fullName);
+  char* parentType = parentName != nullptr ? kyrNameGetType(parentName) : nullptr;
+  bool is = parentType != nullptr && strcmp(parentType, type) == 0;
+  kyrFree(parentType);
+  kyrFree(parentName);
+  return is;
+}
 
 // Wrappers are kept by the version: the objects they wrap are freed by their owners.
 KyrRuleParentWrapper* keptWrapper(KyrRoutingInfo* ri, void* object, KyrRuleParentWrapperType type) {
@@ -38,7 +55,10 @@ KyrRuleParentWrapper* keptWrapper(KyrRoutingInfo* ri, void* object, KyrRuleParen
   return wrapper;
 }
 
+// ---- webRouteWorkClass
+
 void* workClassCreate(void* app, const char* fullName, KyrConnector*, KyrRoutingInfo* ri) {
+  if (!parentTypeIs(fullName, "application")) return nullptr;
   return keptWrapper(ri, rmWebRouteWorkClassCreate(static_cast<Application*>(app), fullName),
                      KYRRULEPARENTTYPE_WEBROUTEWORKCLASS);
 }
@@ -61,41 +81,59 @@ void workClassDelete(void* obj) {
 
 // ---- ruleSet: only this web server's trace rules are kept.
 
-void* ruleSetCreate(void* server, const char* fullName, KyrConnector*, KyrRoutingInfo* ri) {
-  Kyr* kyr = kyrRoutingInfoGetKyr(ri);
-  const char* serverName = tsServerGetName(static_cast<TargetServer*>(server));
+bool isThisServer(Kyr* kyr, const char* serverName) {
   const char* shortName = strrchr(serverName, '/');
   shortName = shortName != nullptr ? shortName + 1 : serverName;
   const char* own = kyr->serverName != nullptr ? kyr->serverName : "";
   size_t ownLength = strlen(own);
   size_t shortLength = strlen(shortName);
-  bool ours = shortLength <= ownLength && strcmp(own + ownLength - shortLength, shortName) == 0;
-  if (strstr(fullName, "vqTraceSpecs") == nullptr || !ours) {
+  return shortLength <= ownLength && strcmp(own + ownLength - shortLength, shortName) == 0;
+}
+
+void* ruleSetCreate(void* server, const char* fullName, KyrConnector*, KyrRoutingInfo* ri) {
+  if (!parentTypeIs(fullName, "server")) return nullptr;
+  Kyr* kyr = kyrRoutingInfoGetKyr(ri);
+  const char* serverName = tsServerGetName(static_cast<TargetServer*>(server));
+  if (strstr(fullName, "vqTraceSpecs") == nullptr || !isThisServer(kyr, serverName)) {
     trDebug(kyr->trCtx, kyr->processRec,
             "kyrRuleSetCreateFromJSON: Ignoring the rule set for server=%s as it is not this "
             "server\n",
             serverName);
     return nullptr;
   }
-  KyrRules* rules = kyrRulesCreate(kyrGetHttpLanguage(kyr), kyr);
-  kyrRulesSetType(rules, KYRRULESTYPE_VQTRACESPEC);
-  return keptWrapper(ri, rules, KYRRULEPARENTTYPE_VQTRACESPEC);
+  auto* set = kyrNew<TraceRuleSet>();
+  set->rules = kyrRulesCreate(kyrGetHttpLanguage(kyr), kyr);
+  set->ri = ri;
+  kyrRulesSetType(set->rules, KYRRULESTYPE_VQTRACESPEC);
+  {
+    KyrLockGuard guard(kyr->requestTraceRules->lock, "kyrRuleSetCreate");
+    kyrListAddTail(ri->traceRuleSets, set->rules);
+  }
+  return keptWrapper(ri, set, KYRRULEPARENTTYPE_VQTRACESPEC);
 }
 
-// The set is emptied now and freed with its wrapper when the version goes.
-void ruleSetDelete(void* obj) { kyrRulesPurge(traceRulesOf(obj)); }
+// Requests stop consulting the set at once. Its rules stay until their own deletes or the end
+// of the version: the version's object map still names them, and a later delta may reach them.
+void ruleSetDelete(void* obj) {
+  TraceRuleSet* set = traceSetOf(obj);
+  Kyr* kyr = kyrRoutingInfoGetKyr(set->ri);
+  KyrLockGuard guard(kyr->requestTraceRules->lock, "kyrRuleSetDelete");
+  kyrListFindAndRemove(set->ri->traceRuleSets, set->rules);
+}
 
 // ---- rule
 
 void* ruleCreate(void* parent, const char* fullName, KyrConnector*, KyrRoutingInfo*) {
+  bool underWorkClass = parentTypeIs(fullName, "webRouteWorkClass");
+  if (!underWorkClass && !parentTypeIs(fullName, "ruleSet")) return nullptr;
   if (kyrRuleParentWrapperGetObject(wrapperOf(parent)) == nullptr) return nullptr;  // deleted
-  if (kyrRuleParentWrapperGetType(wrapperOf(parent)) == KYRRULEPARENTTYPE_WEBROUTEWORKCLASS) {
+  if (underWorkClass) {
     char* shortName = kyrNameGetValue(fullName, false);
     KyrRule* rule = rmEditionRoutingRuleCreate(workClassOf(parent), shortName);
     kyrFree(shortName);
     return rule;
   }
-  KyrRule* rule = kyrRuleCreate(traceRulesOf(parent));
+  KyrRule* rule = kyrRuleCreate(traceSetOf(parent)->rules);
   const char* lastSegment = strrchr(fullName, '/');
   if (lastSegment != nullptr && strstr(lastSegment, "default") != nullptr) {
     kyrRuleSetType(rule, KYRRULETYPE_CONTROLTRACE);
@@ -107,36 +145,54 @@ void* ruleCreate(void* parent, const char* fullName, KyrConnector*, KyrRoutingIn
   return rule;
 }
 
+// A request trace rule's action: its trace specification, replacing the previous one.
+bool setTraceAction(KyrRule* rule, Kyr* kyr, const char* value) {
+  TrSpec* spec = value != nullptr ? trSpecCreate(kyr->trMgr, value) : nullptr;
+  if (spec == nullptr) return false;
+  KyrLockGuard guard(kyrRuleGetRules(rule)->lock, "kyrRuleSetAction");
+  if (auto* old = static_cast<TrSpec*>(kyrRuleGetObject(rule))) trSpecRefRelease(old);
+  kyrRuleSetObject(rule, spec);
+  return true;
+}
+
 bool ruleSetPropStr(void* obj, const char* name, const char* value) {
   auto* rule = static_cast<KyrRule*>(obj);
-  if (strcmp(name, "expression") == 0) return kyrRuleSetExpr(rule, value);
+  KyrRules* rules = kyrRuleGetRules(rule);
+  if (strcmp(name, "expression") == 0) {
+    KyrLockGuard guard(rules->lock, "kyrRuleSetExpression");
+    return kyrRuleSetExpr(rule, value);
+  }
   if (strcmp(name, "action") != 0) return false;
-  Kyr* kyr = kyrRulesGetKyr(kyrRuleGetRules(rule));
+  Kyr* kyr = kyrRulesGetKyr(rules);
   switch (kyrRuleGetType(rule)) {
     case KYRRULETYPE_WEBROUTEWORKCLASS:
       return rmEditionRoutingRuleSetPropStr(rule, name, value);
     case KYRRULETYPE_CONTROLTRACE:
-      return kyrSetDefaultTraceSpec(kyr, value == nullptr || *value == '\0' ? ":NOTICE" : value) == 0;
-    default: {
-      TrSpec* spec = trSpecCreate(kyr->trMgr, value);
-      if (spec == nullptr) return false;
-      if (TrSpec* old = static_cast<TrSpec*>(kyrRuleGetObject(rule))) trSpecRefRelease(old);
-      kyrRuleSetObject(rule, spec);
-      return true;
-    }
+      return kyrSetDefaultTraceSpec(kyr, value == nullptr || *value == '\0' ? ":NOTICE" : value) ==
+             0;
+    default:
+      return setTraceAction(rule, kyr, value);
   }
 }
 
 void ruleInitObject(void* obj) { kyrRuleInit(static_cast<KyrRule*>(obj)); }
 
-void ruleDelete(void* obj) { kyrRuleFree(static_cast<KyrRule*>(obj)); }
+void ruleDelete(void* obj) {
+  auto* rule = static_cast<KyrRule*>(obj);
+  bool requestTrace = kyrRuleGetType(rule) == KYRRULETYPE_REQUESTTRACE;
+  Kyr* kyr = kyrRulesGetKyr(kyrRuleGetRules(rule));
+  kyrRuleFree(rule);
+  if (requestTrace) trLog(kyr->trCtx, kyr->requestTraceSpecRemoved);
+}
 
 }  // namespace
 
 void ruleParentFree(void* p) {
   auto* wrapper = static_cast<KyrRuleParentWrapper*>(p);
   if (kyrRuleParentWrapperGetType(wrapper) == KYRRULEPARENTTYPE_VQTRACESPEC) {
-    kyrRulesFree(static_cast<KyrRules*>(kyrRuleParentWrapperGetObject(wrapper)));
+    auto* set = static_cast<TraceRuleSet*>(kyrRuleParentWrapperGetObject(wrapper));
+    kyrRulesFree(set->rules);
+    kyrDelete(set);
   }
   kyrRuleParentWrapperDestroy(wrapper);
 }
@@ -144,12 +200,15 @@ void ruleParentFree(void* p) {
 void kyrRuleInit(KyrRule* rule) {
   KyrRules* rules = kyrRuleGetRules(rule);
   Kyr* kyr = kyrRulesGetKyr(rules);
-  // A control trace rule acts when its action is set; it has nothing to match.
-  if (kyrRuleGetType(rule) == KYRRULETYPE_CONTROLTRACE) return;
+  // A control trace rule acted when its action was set; like a rule without action it is kept
+  // in the set, which owns it, without an expression, so it never matches.
   if (kyrRuleGetObject(rule) == nullptr) {
-    trDebug(kyr->trCtx, kyr->processRec, "kyrRuleInit: rule='%s' has no action. It will be ignored.\n",
-            kyrRuleGetExpressionString(rule) != nullptr ? kyrRuleGetExpressionString(rule) : "null");
-    // Kept in the set, which owns it, without an expression, so it never matches.
+    if (kyrRuleGetType(rule) != KYRRULETYPE_CONTROLTRACE) {
+      const char* text = kyrRuleGetExpressionString(rule);
+      trDebug(kyr->trCtx, kyr->processRec,
+              "kyrRuleInit: rule='%s' has no action. It will be ignored.\n",
+              text != nullptr ? text : "null");
+    }
     kyrRuleSetExpr(rule, nullptr);
   } else if (kyrRuleGetExpressionString(rule) == nullptr) {
     kyrRuleSetExpr(rule, "true");

@@ -11,6 +11,7 @@
 #include "lang/kyrAction.h"
 #include "mapping/URIMatcher.h"
 #include "mapping/kyrWebRouteWorkClass.h"
+#include "request/kyrHttpContext.h"
 #include "runtime/kyrLibUtil.h"
 #include "runtime/kyrUtil.h"
 #include "selection/kyrTargetSelector.h"
@@ -266,6 +267,9 @@ const char* evaluateAppEditionRoutingRules(Application* app, KyrHttpContext* ctx
     kyrHttpContextSetPermit(ctx, app->edition, false);
     return app->edition;
   }
+  // Deltas change rules in place under the set's lock; the decision is read under it too, and
+  // what outlives it is the context's own copy of the edition.
+  KyrLockGuard guard(wc->rules->lock, "evaluateAppEditionRoutingRules");
   KyrRule* rule = kyrRulesFindMatchingRule(kyrHttpContextGetTrContext(ctx), wc->rules, ctx);
   if (rule == nullptr) {
     kyrHttpContextSetReject(ctx, 500, "no edition routing rule match found; Error Status Code=500");
@@ -273,7 +277,8 @@ const char* evaluateAppEditionRoutingRules(Application* app, KyrHttpContext* ctx
   }
   const auto* action = static_cast<const Action*>(kyrRuleGetObject(rule));
   if (action == nullptr) {
-    kyrHttpContextSetReject(ctx, 500, "no edition routing rule action found; Error Status Code=500");
+    kyrHttpContextSetReject(ctx, 500,
+                            "no edition routing rule action found; Error Status Code=500");
     return nullptr;
   }
   switch (actionGetType(action)) {
@@ -282,13 +287,14 @@ const char* evaluateAppEditionRoutingRules(Application* app, KyrHttpContext* ctx
       return nullptr;
     case PERMIT:
       kyrHttpContextSetPermit(ctx, actionGetEdition(action), actionGetPermitSticky(action));
-      return actionGetEdition(action);
+      return ctx->editionName;
     case REJECT:
       kyrHttpContextSetReject(ctx, actionGetRejectErrorCode(action),
                               "matched reject edition routing rule");
       return nullptr;
     default:
-      kyrHttpContextSetReject(ctx, 500, "invalid edition routing rule action; Error Status Code=500");
+      kyrHttpContextSetReject(ctx, 500,
+                              "invalid edition routing rule action; Error Status Code=500");
       return nullptr;
   }
 }

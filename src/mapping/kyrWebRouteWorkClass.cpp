@@ -51,6 +51,13 @@ bool rmWebRouteWorkClassSetPropStr(WebRouteWorkClass*, const char*, const char*)
 bool rmWebRouteWorkClassSetPropInt(WebRouteWorkClass*, const char*, int) { return false; }
 bool rmWebRouteWorkClassSetPropBool(WebRouteWorkClass*, const char*, bool) { return false; }
 
+void* rmWebPatternCreate(WebRouteWorkClass* wc, const char*) { return wc; }
+bool rmWebPatternSetPropStr(void*, const char*, const char*) { return false; }
+bool rmWebPatternSetPropInt(void*, const char*, int) { return false; }
+bool rmWebPatternSetPropBool(void*, const char*, bool) { return false; }
+void rmWebPatternInit(void*) {}
+void rmWebPatternDelete(void*) {}
+
 KyrRule* rmEditionRoutingRuleCreate(WebRouteWorkClass* wc, const char* name) {
   KyrRule* rule = kyrRuleCreate(wc->rules);
   kyrRuleSetApplication(rule, wc->application);
@@ -61,8 +68,11 @@ KyrRule* rmEditionRoutingRuleCreate(WebRouteWorkClass* wc, const char* name) {
 }
 
 bool rmEditionRoutingRuleSetPropStr(KyrRule* rule, const char*, const char* value) {
+  Action* action = actionCreate(value);
+  // Requests read a rule's action under its set's lock, and a delta may replace it in place.
+  KyrLockGuard guard(kyrRuleGetRules(rule)->lock, "rmEditionRoutingRuleSetPropStr");
   actionDelete(static_cast<Action*>(kyrRuleGetObject(rule)));
-  kyrRuleSetObject(rule, actionCreate(value));
+  kyrRuleSetObject(rule, action);
   return true;
 }
 

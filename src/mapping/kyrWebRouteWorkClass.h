@@ -23,6 +23,14 @@ bool rmWebRouteWorkClassSetPropStr(WebRouteWorkClass* wc, const char* name, cons
 bool rmWebRouteWorkClassSetPropInt(WebRouteWorkClass* wc, const char* name, int value);
 bool rmWebRouteWorkClassSetPropBool(WebRouteWorkClass* wc, const char* name, bool value);
 
+// Web patterns: the handle is the work class itself, and a pattern takes no property.
+void* rmWebPatternCreate(WebRouteWorkClass* wc, const char* name);
+bool rmWebPatternSetPropStr(void* pattern, const char* name, const char* value);
+bool rmWebPatternSetPropInt(void* pattern, const char* name, int value);
+bool rmWebPatternSetPropBool(void* pattern, const char* name, bool value);
+void rmWebPatternInit(void* pattern);
+void rmWebPatternDelete(void* pattern);
+
 // An edition routing rule in the work class's rule set; its action comes from a string
 // property, and init inserts it in order.
 KyrRule* rmEditionRoutingRuleCreate(WebRouteWorkClass* wc, const char* name);

@@ -47,32 +47,42 @@ KyrHttpContext* takeFromPool(Kyr* kyr) {
   return ctx;
 }
 
-// The specification of the first request-trace rule the request matches, with a reference
-// for the caller; null when none matches.
-TrSpec* matchRequestTraceRule(KyrHttpContext* ctx) {
-  KyrRules* rules = ctx->kyr->requestTraceRules;
-  kyrRulesLockObtain(rules, "initRequestTraceSpec");
+// Installs the specification of the first rule of `rules` that the request matches and logs
+// the match; false when none matches. The set's lock must be held: rules change under it.
+bool applyFirstMatch(KyrHttpContext* ctx, KyrRules* rules) {
   KyrRule* rule = kyrRulesFindMatchingRule(ctx->trContext, rules, ctx);
-  TrSpec* spec = rule != nullptr ? static_cast<TrSpec*>(kyrRuleGetObject(rule)) : nullptr;
-  if (spec != nullptr) trSpecRefObtain(spec);
-  kyrRulesLockRelease(rules);
-  if (spec != nullptr) {
-    trLog(ctx->trContext, ctx->trRecTraceRuleMatches, kyrRuleGetOrder(rule),
-          kyrRuleGetTypeString(rule), kyrRuleGetExpressionString(rule),
-          kyrHttpContextGetVirtualHost(ctx), kyrHttpContextGetVirtualPort(ctx),
-          kyrHttpContextGetPath(ctx));
+  auto* spec = rule != nullptr ? static_cast<TrSpec*>(kyrRuleGetObject(rule)) : nullptr;
+  if (spec == nullptr) return false;
+  trSpecRefObtain(spec);
+  trContextSetSpec(ctx->trContext, spec);
+  trLog(ctx->trContext, ctx->trRecTraceRuleMatches, kyrRuleGetOrder(rule),
+        kyrRuleGetTypeString(rule), kyrRuleGetExpressionString(rule),
+        kyrHttpContextGetVirtualHost(ctx), kyrHttpContextGetVirtualPort(ctx),
+        kyrHttpContextGetPath(ctx));
+  return true;
+}
+
+// The handle's own request-trace rules first, then this server's trace rule sets of the
+// version the request holds. The handle's set's lock also guards the version's list of sets.
+bool applyRequestTraceRules(KyrHttpContext* ctx) {
+  KyrRules* own = ctx->kyr->requestTraceRules;
+  KyrLockGuard guard(own->lock, "initRequestTraceSpec");
+  if (applyFirstMatch(ctx, own)) return true;
+  if (ctx->routingInfo == nullptr) return false;
+  for (KyrListEle* e = kyrListGetHead(ctx->routingInfo->traceRuleSets); e != nullptr;
+       e = kyrListGetNext(e)) {
+    auto* rules = static_cast<KyrRules*>(kyrListEleGetObject(e));
+    KyrLockGuard setGuard(rules->lock, "initRequestTraceSpec");
+    if (applyFirstMatch(ctx, rules)) return true;
   }
-  return spec;
+  return false;
 }
 
 // A request matching a request-trace rule traces with its specification; otherwise with the
 // "DefaultRequestTraceSpec" custom property when one is set, else with the handle's default.
 void initRequestTraceSpec(KyrHttpContext* ctx) {
   Kyr* kyr = ctx->kyr;
-  if (TrSpec* matched = matchRequestTraceRule(ctx)) {
-    trContextSetSpec(ctx->trContext, matched);
-    return;
-  }
+  if (applyRequestTraceRules(ctx)) return;
   TrSpec* spec;
   {
     KyrLockGuard guard(kyr->trSpecLock, "initRequestTraceSpec");

@@ -2,9 +2,12 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "core/kyr.h"
+#include "lang/kyrCommonLanguage.h"
 #include "lang/kyrHttpLanguage.h"
+#include "lang/langTestSupport.h"
 #include "lang/kyrRule.h"
 #include "runtime/kyrLibUtil.h"
 #include "support/kyrTestHost.h"
@@ -112,6 +115,123 @@ TEST_F(HttpLanguage, GroupNamesAreATextThatListOperatorsDoNotReadAsAList) {
   g_groups[1] = "b";
   EXPECT_FALSE(matches("'a' in gids$realm"));  // "('a','b')" is a text, not a list
   g_groups[0] = g_groups[1] = nullptr;
+}
+
+TEST_F(HttpLanguage, GroupNamesAreOneTextInListNotation) {
+  g_groups[0] = "admins";
+  g_groups[1] = "users";
+  kyr::langtest::Parsed p =
+      kyr::langtest::parseWith(kyr::kyrGetHttpLanguage(kyr_), "gids$realm", kyr::EXPR_LIST);
+  ASSERT_NE(p.expr, nullptr) << p.error;
+  KyrHttpContext* ctx = kyrHttpContextObtain(kyr_, &request_);
+  {
+    kyr::LocalEvaluationContext ec(kyr_->trCtx, nullptr, ctx);
+    kyr::EvalValue v = kyr::expressionEvaluate(p.expr.get(), ec.get());
+    ASSERT_TRUE(v.isString());
+    EXPECT_STREQ(v.string(), "('admins','users')");
+  }
+  kyrHttpContextRelease(ctx);
+  // The list operators do not read the text as a list: both null tests fail safe.
+  EXPECT_FALSE(matches("gids$realm is null"));
+  EXPECT_FALSE(matches("gids$realm is not null"));
+  g_groups[0] = g_groups[1] = nullptr;
+}
+
+TEST_F(HttpLanguage, OptionalCallbacksTheHostLacksGiveNoValue) {
+  kyr_->env.http.request.getLocalAddress = nullptr;
+  kyr_->env.http.request.getQueryString = nullptr;
+  kyr_->env.http.request.getMethod = nullptr;
+  for (const char* operand : {"serveripv4", "serveripv6", "queryparm$a", "HTTPMethod"}) {
+    EXPECT_FALSE(matches((std::string(operand) + " is null").c_str())) << operand;
+    EXPECT_FALSE(matches((std::string(operand) + " is not null").c_str())) << operand;
+  }
+}
+
+TEST_F(HttpLanguage, TheAuthenticatedUserAndAMissingQueryParameter) {
+  kyr_->env.http.request.getUserName = [](EnvHttpContext*) -> char* {
+    return const_cast<char*>("alice");
+  };
+  EXPECT_TRUE(matches("uid = 'alice'"));
+  request_.queryString = "userid=7";
+  EXPECT_TRUE(matches("queryparm$id = '7'"));
+  EXPECT_FALSE(matches("queryparm$lang is null"));  // absent: no value, not a null one
+  EXPECT_FALSE(matches("queryparm$lang is not null"));
+}
+
+// Rules evaluated without a request context: no host, so no value, except protocol's null.
+TEST_F(HttpLanguage, WithoutARequestEveryOperandIsAbsentButProtocolIsNull) {
+  auto matchesNothing = [this](const char* text) {
+    kyr::KyrRule* rule = kyr::kyrRuleCreate(rules_);
+    EXPECT_TRUE(kyr::kyrRuleSetExpr(rule, text)) << text;
+    bool result = kyr::kyrRuleMatches(kyr_->trCtx, rule, nullptr);
+    kyr::kyrRuleFree(rule);
+    return result;
+  };
+  EXPECT_FALSE(matchesNothing("uri is null"));
+  EXPECT_FALSE(matchesNothing("cookie$a is null"));
+  EXPECT_FALSE(matchesNothing("port = 0"));
+  EXPECT_TRUE(matchesNothing("protocol is null"));
+}
+
+TEST(HttpLanguageRegistry, HttpOperandsFollowTheCommonOnesInOrder) {
+  kyr::Language* common = kyr::langCreate(nullptr, nullptr);
+  kyr::langRegisterCommonOperands(common);
+  kyr::langRegisterCommonOperators(common);
+  kyr::Language* http = kyr::langCreateHttpLanguage(nullptr, nullptr);
+  auto names = [](kyr::KyrList* list, auto nameOf) {
+    std::vector<std::string> out;
+    for (kyr::KyrListEle* e = kyr::kyrListGetHead(list); e != nullptr; e = kyr::kyrListGetNext(e)) {
+      out.push_back(nameOf(kyr::kyrListEleGetObject(e)));
+    }
+    return out;
+  };
+  auto operandName = [](void* o) { return std::string(static_cast<kyr::Operand*>(o)->name); };
+  auto operatorName = [](void* o) { return std::string(static_cast<kyr::Operator*>(o)->name); };
+  std::vector<std::string> expected = names(common->operands, operandName);
+  for (const char* name : {"uri", "queryparm", "uid", "gids", "header", "cookie", "HTTPMethod",
+                           "clienthost", "clientipv4", "clientipv6", "serverhost", "serveripv4",
+                           "serveripv6", "port", "protocol", "virtualhost", "virtualport"}) {
+    expected.push_back(name);
+  }
+  EXPECT_EQ(names(http->operands, operandName), expected);
+  EXPECT_EQ(names(http->operators, operatorName), names(common->operators, operatorName));
+
+  struct Signature {
+    const char* operand;
+    const char* argument;  // null: none
+    kyr::ExpressionType type;
+  };
+  for (const Signature& s : {Signature{"queryparm", "name", kyr::EXPR_STRING},
+                             Signature{"gids", "securityRealm", kyr::EXPR_LIST},
+                             Signature{"header", "headerName", kyr::EXPR_STRING},
+                             Signature{"cookie", "cookieName", kyr::EXPR_STRING},
+                             Signature{"uri", nullptr, kyr::EXPR_STRING},
+                             Signature{"port", nullptr, kyr::EXPR_INT},
+                             Signature{"virtualport", nullptr, kyr::EXPR_INT}}) {
+    kyr::Operand* op = kyr::langFindOperand(http, s.operand);
+    ASSERT_NE(op, nullptr) << s.operand;
+    ASSERT_EQ(op->numReturnTypes, 1) << s.operand;
+    EXPECT_EQ(op->returnTypes[0], s.type) << s.operand;
+    ASSERT_EQ(op->numFormalArgs, s.argument != nullptr ? 1 : 0) << s.operand;
+    if (s.argument == nullptr) continue;
+    EXPECT_STREQ(op->formalArgs[0]->name, s.argument);
+    EXPECT_EQ(op->formalArgs[0]->fat, kyr::ARG_STRING);
+    EXPECT_EQ(op->formalArgs[0]->defaultValue, nullptr);
+  }
+  kyr::Operand* method = kyr::langFindOperand(http, "httpmethod");  // names ignore case
+  ASSERT_NE(method, nullptr);
+  ASSERT_EQ(method->numSelectableValues, 4);
+  const char* values[][2] = {{"GET", "HTTPLang.Operand.HttpGet"},
+                             {"POST", "HTTPLang.Operand.HttpPost"},
+                             {"PUT", "HTTPLang.Operand.HttpPut"},
+                             {"DELETE", "HTTPLang.Operand.HttpDelete"}};
+  for (int i = 0; i < 4; ++i) {
+    EXPECT_STREQ(method->selectableValues[i]->string, values[i][0]);
+    EXPECT_STREQ(method->selectableValues[i]->key, values[i][1]);
+    EXPECT_EQ(method->selectableValues[i]->intValue, 0);
+  }
+  kyr::langFree(http);
+  kyr::langFree(common);
 }
 
 }  // namespace

@@ -105,4 +105,47 @@ TEST_F(WorkClasses, RulesThatCannotDecideReject500WithTheirReason) {
   EXPECT_EQ(kyrHttpContextGetErrorCode(ctx_), 500);
 }
 
+TEST_F(WorkClasses, RulesWithoutAUsableActionReject500) {
+  WebRouteWorkClass* wc = workClass("shop_Default_HTTP_WC");
+  rule(wc, "rules/1", "uri = '/bare'", nullptr);
+  request_.path = "/bare";
+  EXPECT_EQ(evaluateAppEditionRoutingRules(app_, ctx_), nullptr);
+  EXPECT_EQ(kyrHttpContextGetErrorCode(ctx_), 500);
+  EXPECT_STREQ(kyrHttpContextGetErrorMsg(ctx_),
+               "no edition routing rule action found; Error Status Code=500");
+
+  // Action texts never make another kind, but the mapper refuses one all the same.
+  Action* odd = actionCreate("reject:1");
+  odd->type = SUSPEND;
+  kyrRuleSetObject(rule(wc, "rules/0", "uri = '/odd'", nullptr), odd);
+  request_.path = "/odd";
+  EXPECT_EQ(evaluateAppEditionRoutingRules(app_, ctx_), nullptr);
+  EXPECT_EQ(kyrHttpContextGetErrorCode(ctx_), 500);
+  EXPECT_STREQ(kyrHttpContextGetErrorMsg(ctx_),
+               "invalid edition routing rule action; Error Status Code=500");
+  odd->type = REJECT;  // freed as what it was made
+}
+
+TEST_F(WorkClasses, ThePermittedEditionIsTheRequestsOwnCopy) {
+  WebRouteWorkClass* wc = workClass("shop_Default_HTTP_WC");
+  KyrRule* r = rule(wc, "default", nullptr, "permit:shop-edition2.0");
+  kyrRuleSetExpr(r, "true");
+  const char* edition = evaluateAppEditionRoutingRules(app_, ctx_);
+  // A delta may replace the action while the request goes on with its decision.
+  EXPECT_TRUE(rmEditionRoutingRuleSetPropStr(r, "action", "permit:shop-edition3.0"));
+  EXPECT_STREQ(edition, "2.0");
+}
+
+TEST_F(WorkClasses, AWebPatternIsItsWorkClassAndTakesNoProperty) {
+  WebRouteWorkClass* wc = workClass("shop_Default_HTTP_WC");
+  void* pattern = rmWebPatternCreate(wc, "/webPattern/p1");
+  EXPECT_EQ(pattern, wc);
+  EXPECT_FALSE(rmWebPatternSetPropStr(pattern, "pattern", "/shop/*"));
+  EXPECT_FALSE(rmWebPatternSetPropInt(pattern, "order", 1));
+  EXPECT_FALSE(rmWebPatternSetPropBool(pattern, "enabled", true));
+  rmWebPatternInit(pattern);
+  rmWebPatternDelete(pattern);
+  EXPECT_EQ(app_->defaultWebRouteWorkClass, wc);  // untouched by its patterns
+}
+
 }  // namespace
