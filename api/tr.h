@@ -38,7 +38,7 @@ typedef struct TrRecord TrRecord;
 typedef struct TrSpec TrSpec;
 typedef struct TrContext TrContext;
 
-/* Trace levels; a record of level L is written when the specification allows at least L. */
+/* Trace levels; a record of level L is written when the trace specification allows at least L. */
 enum {
   TR_LEVEL_OFF = 0,
   TR_LEVEL_EMERG = 1,

@@ -47,7 +47,7 @@ KyrHttpContext* takeFromPool(Kyr* kyr) {
   return ctx;
 }
 
-// Installs the specification of the first rule of `rules` that the request matches and logs
+// Installs the trace specification of the first rule of `rules` that the request matches and logs
 // the match; false when none matches. The set's lock must be held: rules change under it.
 bool applyFirstMatch(KyrHttpContext* ctx, KyrRules* rules) {
   KyrRule* rule = kyrRulesFindMatchingRule(ctx->trContext, rules, ctx);

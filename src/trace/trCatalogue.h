@@ -28,7 +28,7 @@ struct TrElement {
 
 void trElementDelete(void* element);  // a KyrList element destructor
 
-// Reads the catalogue from file (closing it if asked) and then makes the specification death
+// Reads the catalogue from file (closing it if asked) and then makes the trace-specification death
 // row. Nothing happens without a stream. Exits with 1 if no parser can be made, 2 on a syntax
 // error; the handlers exit with 1 on missing names, ids or levels.
 void initTr(TrMgr* mgr, FILE* file, bool closeTraceXMLFile);

@@ -17,7 +17,7 @@ struct TrSpec {
   // design needs no more than that, because the death-row grace time covers stale readers.
   std::atomic<int> refCount{1};
   kyr::KyrTime timeOfDeath{0};  // guarded by the death-row lock
-  int levelCount{0};            // the manager's recordCount when the specification was made
+  int levelCount{0};            // the manager's recordCount when the trace specification was made
 };
 
 namespace kyr {
@@ -28,7 +28,7 @@ inline unsigned char* trSpecLevels(TrSpec* spec) {
   return reinterpret_cast<unsigned char*>(spec + 1);
 }
 
-// The record's byte, or 0 when either is null or the record is newer than the specification.
+// The record's byte, or 0 when either is null or the record is newer than the trace specification.
 inline int trSpecGetMaxLevel(TrSpec* spec, const TrRecord* record) {
   if (spec == nullptr || record == nullptr) return 0;
   if (record->index < 0 || record->index >= spec->levelCount) return 0;

@@ -536,7 +536,7 @@ TEST_F(HandleProperties, DefaultRequestTraceSpecIsHandedOutAsANewReference) {
   TrSpec* spec = kyrGetCustomPropDefaultRequestTraceSpec(kyr_);
   ASSERT_EQ(spec, kyr_->customPropDefaultRequestTraceSpec);
   EXPECT_EQ(spec->refCount.load(), 2);
-  // The caller's reference keeps the specification alive after the handle drops its own.
+  // The caller's reference keeps the trace specification alive after the handle drops its own.
   kyrSetProperty(kyr_, "DefaultRequestTraceSpec", nullptr);
   EXPECT_EQ(spec->refCount.load(), 1);
   trSpecRefRelease(spec);

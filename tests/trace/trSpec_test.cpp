@@ -20,7 +20,7 @@ class TrSpecParse : public testing::Test {
   TrSpecParse() : mgr_(kyrtest::kCatalogue) {}
   ~TrSpecParse() override { trSpecRefRelease(spec_); }
 
-  // Makes the specification under test (released at the end of the test).
+  // Makes the trace specification under test (released at the end of the test).
   TrSpec* make(const char* text) {
     trSpecRefRelease(spec_);
     spec_ = trSpecCreate(mgr_.get(), text);
