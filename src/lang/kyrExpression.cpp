@@ -228,6 +228,21 @@ void expressionSetListValue(Expression* expr, KyrList* value) {
   }
 }
 
+// Gives an operator's or operand's new expression its context and behaviour; a creator that
+// refused (null) leaves the context to be freed here.
+Expression* bindExpression(Expression* expr, ExpressionContext* ctx, EvaluateFcn evaluate,
+                           KyrDestructorFcn destructor, ExpressionEmbodiment embodiment) {
+  if (expr == nullptr) {
+    freeContext(ctx);
+    return nullptr;
+  }
+  expr->evaluate = evaluate;
+  expr->destructor = destructor;
+  expr->embodiment = embodiment;
+  expr->exprCtx = ctx;
+  return expr;
+}
+
 Expression* operatorExpressionCreate(Operator* op, Expression** inputs, int numInputs,
                                      const ExpressionOrigin& origin) {
   auto* ctx = kyrNew<OperatorContext>();
@@ -238,16 +253,8 @@ Expression* operatorExpressionCreate(Operator* op, Expression** inputs, int numI
   ctx->inputs = static_cast<Expression**>(
       kyrMalloc(sizeof(Expression*) * static_cast<size_t>(numInputs > 0 ? numInputs : 1)));
   for (int i = 0; i < numInputs; ++i) ctx->inputs[i] = inputs[i];
-  Expression* expr = op->createExpression(op, ctx);
-  if (expr == nullptr) {
-    freeContext(ctx);
-    return nullptr;
-  }
-  expr->evaluate = op->evaluate;
-  expr->destructor = op->destroyExpression;
-  expr->embodiment = EXPR_IS_OPERATOR;
-  expr->exprCtx = ctx;
-  return expr;
+  return bindExpression(op->createExpression(op, ctx), ctx, op->evaluate, op->destroyExpression,
+                        EXPR_IS_OPERATOR);
 }
 
 Expression* operandExpressionCreate(Operand* operand, ExpressionType type, int numArgs,
@@ -261,16 +268,8 @@ Expression* operandExpressionCreate(Operand* operand, ExpressionType type, int n
         static_cast<char**>(kyrMalloc(sizeof(char*) * static_cast<size_t>(ctx->numActualArgs)));
     for (int i = 0; i < ctx->numActualArgs; ++i) ctx->actualArgs[i] = kyrStrdup(args[i]);
   }
-  Expression* expr = operand->createExpression(operand, ctx);
-  if (expr == nullptr) {
-    freeContext(ctx);
-    return nullptr;
-  }
-  expr->evaluate = operand->evaluate;
-  expr->destructor = operand->destroyExpression;
-  expr->embodiment = EXPR_IS_OPERAND;
-  expr->exprCtx = ctx;
-  return expr;
+  return bindExpression(operand->createExpression(operand, ctx), ctx, operand->evaluate,
+                        operand->destroyExpression, EXPR_IS_OPERAND);
 }
 
 int operatorContextGetNumInputs(const OperatorContext* ctx) {

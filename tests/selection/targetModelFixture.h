@@ -15,6 +15,7 @@
 #include "core/kyr.h"
 #include "core/kyrRoutingInfo.h"
 #include "runtime/kyrLibUtil.h"
+#include "support/kyrTestHost.h"
 #include "selection/kyrTargetSelector.h"
 #include "trace/traceTestUtil.h"
 
@@ -50,21 +51,9 @@ inline int hostDeleteEndpoint(EnvTargetEndpoint* obj) {
   return 0;
 }
 
-inline char* nullText(EnvHttpContext*) { return nullptr; }
-inline int zero(EnvHttpContext*) { return 0; }
-inline int setHeader(EnvHttpContext*, char*, char*) { return 0; }
-inline char* getCookie(EnvHttpContext*, char*) { return nullptr; }
-
+// The test host's table, with the host's endpoint objects counted.
 inline EnvCallBacks testCallBacks() {
-  EnvCallBacks env{};
-  env.version = KYR_ENV_CALLBACKS_VERSION;
-  auto& rq = env.http.request;
-  rq.getProtocol = rq.getVirtualHost = rq.getPath = rq.getClientIpAddr = nullText;
-  rq.getProtocolVersion = rq.getClientCertificate = rq.getSSLCipherSuite = nullText;
-  rq.getSSLSessionId = rq.getAuthType = rq.getUserName = nullText;
-  rq.getVirtualPort = rq.getListeningPort = zero;
-  rq.setHeaderValue = setHeader;
-  rq.getCookieValue = getCookie;
+  EnvCallBacks env = completeCallbacks();
   env.targetEndpoint.create = hostCreateEndpoint;
   env.targetEndpoint.KYR_DELETE_MEMBER = hostDeleteEndpoint;
   env.trace.printf = capturePrintf;
