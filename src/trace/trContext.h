@@ -7,7 +7,7 @@
 
 struct TrContext {
   TrMgr* mgr;
-  TrSpec* spec;            // owned reference; guarded by specLock
+  TrSpec* spec;            // owned reference; swapped under specLock, read unlocked for enablement
   kyr::KyrLock* specLock;  // null in the transient copy handed to the print callback
   // Filled only in the transient copy handed to the print callback.
   const char* format;
