@@ -287,7 +287,7 @@ const char* evaluateAppEditionRoutingRules(Application* app, KyrHttpContext* ctx
       return nullptr;
     case PERMIT:
       kyrHttpContextSetPermit(ctx, actionGetEdition(action), actionGetPermitSticky(action));
-      return ctx->editionName;
+      return ctx->editionName.text;
     case REJECT:
       kyrHttpContextSetReject(ctx, actionGetRejectErrorCode(action),
                               "matched reject edition routing rule");

@@ -2,13 +2,13 @@
 // host's decisions recorded on the context (permit, reject, redirect) and the plain accessors.
 #include "request/kyrHttpContext.h"
 
+#include <cstring>
 #include <string>
 
 #include "lang/kyrRule.h"
 #include "mapping/kyrRequestMapper.h"
 #include "runtime/kyrLibUtil.h"
 #include "runtime/kyrTime.h"
-#include "runtime/kyrUtil.h"
 #include "selection/kyrTargetSelector.h"
 #include "trace/trWrite.h"
 
@@ -16,6 +16,35 @@ namespace kyr {
 namespace {
 
 const EnvCallBacks& env(KyrHttpContext* ctx) { return ctx->kyr->env; }
+
+// Copies `value` into the text's buffer, growing it only when too small; null clears the text.
+// The value may be the text itself.
+void contextTextSet(ContextText* t, const char* value) {
+  if (value == nullptr) {
+    t->text = nullptr;
+    return;
+  }
+  size_t size = strlen(value) + 1;
+  if (size > t->capacity) {
+    char* grown = static_cast<char*>(kyrMalloc(size));
+    memcpy(grown, value, size);
+    kyrFree(t->buffer);
+    t->buffer = grown;
+    t->capacity = size;
+  } else {
+    memmove(t->buffer, value, size);
+  }
+  t->text = t->buffer;
+}
+
+template <class Fn>
+void forEachText(KyrHttpContext* ctx, Fn fn) {
+  for (ContextText* t : {&ctx->applicationName, &ctx->moduleName, &ctx->editionName,
+                         &ctx->vHostName, &ctx->contextRoot, &ctx->redirectURL, &ctx->errorMsg,
+                         &ctx->url}) {
+    fn(t);
+  }
+}
 
 KyrHttpContext* createContext(Kyr* kyr) {
   auto* ctx = kyrNew<KyrHttpContext>();
@@ -129,11 +158,7 @@ void initContext(KyrHttpContext* ctx, EnvHttpContext* envHttpContext) {
 
 void cleanContext(KyrHttpContext* ctx) {
   tsTargetInfoDecrementRefCnt(ctx);
-  for (char** s : {&ctx->applicationName, &ctx->moduleName, &ctx->editionName, &ctx->vHostName,
-                   &ctx->contextRoot, &ctx->redirectURL, &ctx->errorMsg, &ctx->url}) {
-    kyrFree(*s);
-    *s = nullptr;
-  }
+  forEachText(ctx, [](ContextText* t) { t->text = nullptr; });  // the buffers stay for reuse
   kyrListClean(ctx->failedServerApps);
 }
 
@@ -168,6 +193,7 @@ void kyrHttpContextDelete(void* p) {
   auto* ctx = static_cast<KyrHttpContext*>(p);
   ctx->state = FREE;
   cleanContext(ctx);
+  forEachText(ctx, [](ContextText* t) { kyrFree(t->buffer); });
   trSpecRefRelease(ctx->trSpec);
   trContextDelete(ctx->trContext);
   kyrListDestroy(ctx->failedServerApps);
@@ -207,7 +233,7 @@ int kyrHttpContextShouldHandle(KyrHttpContext* ctx) { return performRequestMappi
 
 const char* kyrHttpContextGetApplicationEditionName(KyrHttpContext* ctx) {
   int result = performRequestMapping(ctx);
-  if (result == 1) return ctx->editionName;
+  if (result == 1) return ctx->editionName.text;
   ctx->action = REJECT;
   ctx->errorCode = result == 0 ? 404 : 500;
   return nullptr;
@@ -215,19 +241,19 @@ const char* kyrHttpContextGetApplicationEditionName(KyrHttpContext* ctx) {
 
 void kyrHttpContextSetPermit(KyrHttpContext* ctx, const char* editionName, Boolean sticky) {
   ctx->action = PERMIT;
-  kyrReplaceCountedStr(&ctx->editionName, editionName);
+  contextTextSet(&ctx->editionName, editionName);
   ctx->sticky = sticky;
 }
 
 void kyrHttpContextSetReject(KyrHttpContext* ctx, int errorCode, const char* errorMsg) {
   ctx->action = REJECT;
   ctx->errorCode = errorCode;
-  kyrReplaceCountedStr(&ctx->errorMsg, errorMsg);
+  contextTextSet(&ctx->errorMsg, errorMsg);
 }
 
 void kyrHttpContextSetRedirect(KyrHttpContext* ctx, const char* url) {
   ctx->action = REDIRECT;
-  kyrReplaceCountedStr(&ctx->redirectURL, url);
+  contextTextSet(&ctx->redirectURL, url);
 }
 
 int kyrHttpContextCancelRequest(KyrHttpContext* ctx) {
@@ -237,7 +263,7 @@ int kyrHttpContextCancelRequest(KyrHttpContext* ctx) {
 }
 
 const char* kyrHttpContextGetURL(KyrHttpContext* ctx) {
-  if (ctx->url == nullptr) {
+  if (ctx->url.text == nullptr) {
     const char* protocol = kyrHttpContextGetProtocol(ctx);
     const char* host = kyrHttpContextGetVirtualHost(ctx);
     const char* path = kyrHttpContextGetPath(ctx);
@@ -245,9 +271,9 @@ const char* kyrHttpContextGetURL(KyrHttpContext* ctx) {
                       (host != nullptr ? host : "") + ":" +
                       std::to_string(kyrHttpContextGetVirtualPort(ctx)) + "/" +
                       (path != nullptr ? path : "");
-    ctx->url = kyrStrdup(url.c_str());
+    contextTextSet(&ctx->url, url.c_str());
   }
-  return ctx->url;
+  return ctx->url.text;
 }
 
 const char* kyrHttpContextStateToString(KyrHttpContextState state) {
@@ -279,32 +305,32 @@ const char* kyrHttpContextGetPath(KyrHttpContext* ctx) {
   return env(ctx).http.request.getPath(ctx->envHttpContext);
 }
 
-const char* kyrHttpContextGetApplicationName(KyrHttpContext* ctx) { return ctx->applicationName; }
+const char* kyrHttpContextGetApplicationName(KyrHttpContext* ctx) { return ctx->applicationName.text; }
 void kyrHttpContextSetApplicationName(KyrHttpContext* ctx, const char* name) {
-  kyrReplaceCountedStr(&ctx->applicationName, name);
+  contextTextSet(&ctx->applicationName, name);
 }
-const char* kyrHttpContextGetModuleName(KyrHttpContext* ctx) { return ctx->moduleName; }
+const char* kyrHttpContextGetModuleName(KyrHttpContext* ctx) { return ctx->moduleName.text; }
 void kyrHttpContextSetModuleName(KyrHttpContext* ctx, const char* name) {
-  kyrReplaceCountedStr(&ctx->moduleName, name);
+  contextTextSet(&ctx->moduleName, name);
 }
-const char* kyrHttpContextGetMatchedVHostName(KyrHttpContext* ctx) { return ctx->vHostName; }
+const char* kyrHttpContextGetMatchedVHostName(KyrHttpContext* ctx) { return ctx->vHostName.text; }
 void kyrHttpContextSetMatchedVHostName(KyrHttpContext* ctx, const char* name) {
-  kyrReplaceCountedStr(&ctx->vHostName, name);
+  contextTextSet(&ctx->vHostName, name);
 }
 void kyrHttpContextSetEditionName(KyrHttpContext* ctx, const char* name) {
-  kyrReplaceCountedStr(&ctx->editionName, name);
+  contextTextSet(&ctx->editionName, name);
 }
 void kyrHttpContextSetContextRoot(KyrHttpContext* ctx, const char* contextRoot) {
-  kyrReplaceCountedStr(&ctx->contextRoot, contextRoot);
+  contextTextSet(&ctx->contextRoot, contextRoot);
 }
 KyrTargetEndpoint* kyrHttpContextGetMyTargetEndPoint(KyrHttpContext* ctx) {
   return ctx->targetEndpoint;
 }
 KyrAction kyrHttpContextGetAction(KyrHttpContext* ctx) { return ctx->action; }
 int kyrHttpContextGetErrorCode(KyrHttpContext* ctx) { return ctx->errorCode; }
-const char* kyrHttpContextGetErrorMsg(KyrHttpContext* ctx) { return ctx->errorMsg; }
+const char* kyrHttpContextGetErrorMsg(KyrHttpContext* ctx) { return ctx->errorMsg.text; }
 Boolean kyrHttpContextGetSticky(KyrHttpContext* ctx) { return ctx->sticky; }
-const char* kyrHttpContextGetRedirectURL(KyrHttpContext* ctx) { return ctx->redirectURL; }
+const char* kyrHttpContextGetRedirectURL(KyrHttpContext* ctx) { return ctx->redirectURL.text; }
 KyrHttpContextState kyrHttpContextGetState(KyrHttpContext* ctx) { return ctx->state; }
 int kyrHttpContextGetSubState(KyrHttpContext* ctx) { return ctx->subState; }
 const char* kyrHttpContextGetMessage(KyrHttpContext* ctx) { return ctx->stateMsg; }

@@ -9,6 +9,15 @@
 namespace kyr {
 struct TargetServerApplication;
 struct HttpAffinityPolicy;
+
+// A text the context owns. Its buffer outlives the request: a pooled context copies the next
+// request's names into the buffers it already has, so a warm pool maps requests without
+// allocating. `text` is the buffer while a value is set and null otherwise.
+struct ContextText {
+  char* text;
+  char* buffer;
+  size_t capacity;
+};
 }  // namespace kyr
 
 struct KyrHttpContext {
@@ -35,16 +44,16 @@ struct KyrHttpContext {
   const char* stateMsg;  // the host's text, not copied
   KyrAction action;
   int errorCode;
-  char* errorMsg;
-  char* redirectURL;
-  char* applicationName;
-  char* moduleName;
-  char* editionName;
-  char* vHostName;
-  char* contextRoot;
+  kyr::ContextText errorMsg;
+  kyr::ContextText redirectURL;
+  kyr::ContextText applicationName;
+  kyr::ContextText moduleName;
+  kyr::ContextText editionName;
+  kyr::ContextText vHostName;
+  kyr::ContextText contextRoot;
   kyr::HttpAffinityPolicy* policy;
   Boolean sticky;
-  char* url;
+  kyr::ContextText url;
   Boolean performedLoadBalancing;
   Boolean privateHeadersAdded;
   TrRecord* debugMap;

@@ -121,12 +121,12 @@ KyrTargetEndpoint* kyrHttpContextWaitForRollout(KyrHttpContext* ctx) {
     if (KyrTargetEndpoint* tep = kyrHttpContextGetTargetEndpoint(ctx)) {
       trTrace(ctx->trContext, ctx->rolloutRec, 7,
               "successful wait for rollout of application '%s'\n",
-              ctx->applicationName != nullptr ? ctx->applicationName : "null");
+              ctx->applicationName.text != nullptr ? ctx->applicationName.text : "null");
       return tep;
     }
   }
   trTrace(ctx->trContext, ctx->rolloutRec, 7, "timed out waiting for rollout of application '%s'\n",
-          ctx->applicationName != nullptr ? ctx->applicationName : "null");
+          ctx->applicationName.text != nullptr ? ctx->applicationName.text : "null");
   return nullptr;
 }
 

@@ -126,7 +126,7 @@ void setStickyCookie(KyrHttpContext* ctx, TargetServer* server) {
   std::string cloneId = serverCloneId(server);
   if (cloneId.empty()) return;
   std::string value = kPlaceholderSessionId + std::string(policyDelimiter(ctx)) + cloneId +
-                      "; Path=" + (ctx->contextRoot != nullptr ? ctx->contextRoot : "");
+                      "; Path=" + (ctx->contextRoot.text != nullptr ? ctx->contextRoot.text : "");
   // The trace line deliberately names the other cookie; trace readers search for that name.
   trDebug(ctx->trContext, ctx->responseProcess,
           "kyrHttpContextPerformResponseProcessing: setting sticky cookie ZQJSESSIONID=%s\n",

@@ -83,7 +83,7 @@ TEST_F(RequestMapping, PathsReachTheirModulesWithTheEditionAndContextRoot) {
   EXPECT_STREQ(kyrHttpContextGetApplicationName(ctx_), "shop");
   EXPECT_STREQ(kyrHttpContextGetApplicationEditionName(ctx_), "1.0");
   EXPECT_EQ(kyrHttpContextGetAction(ctx_), PERMIT);
-  EXPECT_STREQ(ctx_->contextRoot, "/shop");
+  EXPECT_STREQ(ctx_->contextRoot.text, "/shop");
   EXPECT_STREQ(kyrHttpContextGetMatchedVHostName(ctx_), "/cell/shop/vHostGroup/default_host");
 
   // Parameters and query do not take part in matching.
@@ -112,18 +112,18 @@ TEST_F(RequestMapping, UnmappedRequestsAreRejectedWithTheirStatus) {
   EXPECT_EQ(map("shop.example.com", 80, "/nowhere"), 0);
   EXPECT_EQ(kyrHttpContextGetAction(ctx_), REJECT);
   EXPECT_EQ(kyrHttpContextGetErrorCode(ctx_), 404);
-  EXPECT_STREQ(ctx_->errorMsg, "no mapping found");
+  EXPECT_STREQ(kyrHttpContextGetErrorMsg(ctx_), "no mapping found");
   EXPECT_EQ(kyrHttpContextGetApplicationEditionName(ctx_), nullptr);
   EXPECT_EQ(kyrHttpContextGetErrorCode(ctx_), 404);
 
   EXPECT_EQ(map(nullptr, 80, "/shop/x"), -1);
   EXPECT_EQ(kyrHttpContextGetErrorCode(ctx_), 500);
-  EXPECT_STREQ(ctx_->errorMsg, "null host");
+  EXPECT_STREQ(kyrHttpContextGetErrorMsg(ctx_), "null host");
   EXPECT_EQ(kyrHttpContextGetApplicationEditionName(ctx_), nullptr);
   EXPECT_EQ(kyrHttpContextGetErrorCode(ctx_), 500);
 
   EXPECT_EQ(map("shop.example.com", 80, nullptr), -1);
-  EXPECT_STREQ(ctx_->errorMsg, "null path");
+  EXPECT_STREQ(kyrHttpContextGetErrorMsg(ctx_), "null path");
 }
 
 TEST_F(RequestMapping, ARequestIsMappedOnceWhateverItAsks) {
@@ -181,6 +181,7 @@ TEST(HttpContextPool, ReleasedContextsAreReusedOnlyWhileTheHandleIsUsableAndTheP
   EXPECT_EQ(kyrHttpContextGetAction(again), NONE);  // reinitialised
   EXPECT_EQ(kyrHttpContextGetErrorCode(again), 0);
   EXPECT_EQ(kyrHttpContextGetState(again), INITIAL);
+  EXPECT_EQ(kyrHttpContextGetErrorMsg(again), nullptr);  // the buffer is kept, the text is not
   kyrHttpContextRelease(again);
 
   ASSERT_NE(kyrSetProperty(kyr, "MaxHttpContextPoolSize", "1"), nullptr);
@@ -191,6 +192,34 @@ TEST(HttpContextPool, ReleasedContextsAreReusedOnlyWhileTheHandleIsUsableAndTheP
   EXPECT_EQ(kyr::kyrListGetCount(kyr->contextPool), 1);
   kyr->state = STOPPED;
   kyrDestroy(kyr);  // the pooled context goes with the handle (ASan)
+}
+
+// Pooled contexts copy names into the buffers they already have: shorter and longer values,
+// a value that is the context's own text, and null must all read back exactly.
+TEST(HttpContextPool, NamesReadBackExactlyWhateverTheBufferHeldBefore) {
+  kyrtest::TestHost host;
+  Kyr* kyr = host.create();
+  kyr->state = STARTED;
+  EnvHttpContext request;
+  KyrHttpContext* ctx = kyrHttpContextObtain(kyr, &request);
+  kyrHttpContextSetApplicationName(ctx, "a-rather-long-application-name");
+  kyrHttpContextRelease(ctx);
+  int pooled = kyr::kyrGetMemCount();
+  ctx = kyrHttpContextObtain(kyr, &request);
+  EXPECT_EQ(kyrHttpContextGetApplicationName(ctx), nullptr);
+  kyrHttpContextSetApplicationName(ctx, "shop");
+  EXPECT_STREQ(kyrHttpContextGetApplicationName(ctx), "shop");
+  kyrHttpContextSetApplicationName(ctx, kyrHttpContextGetApplicationName(ctx) + 1);
+  EXPECT_STREQ(kyrHttpContextGetApplicationName(ctx), "hop");
+  kyrHttpContextSetApplicationName(ctx, "an-application-name-longer-than-any-before");
+  EXPECT_STREQ(kyrHttpContextGetApplicationName(ctx),
+               "an-application-name-longer-than-any-before");
+  kyrHttpContextSetApplicationName(ctx, nullptr);
+  EXPECT_EQ(kyrHttpContextGetApplicationName(ctx), nullptr);
+  kyrHttpContextRelease(ctx);
+  EXPECT_EQ(kyr::kyrGetMemCount(), pooled);  // the grown buffer replaced the old one
+  kyr->state = STOPPED;
+  kyrDestroy(kyr);  // and goes with the pooled context (LSan)
 }
 
 int resumed = 0;
