@@ -92,10 +92,11 @@ void kyrConnectorObtainRef(KyrConnector* c, const char* reason) {
 }
 
 void kyrConnectorReleaseRef(KyrConnector* c, const char* reason) {
-  int count = --c->refcnt;
+  // Traced before the count drops, as for the handle: afterwards another holder may free it.
   trTrace(c->cg->trCtx, c->cg->debugCtl, TR_LEVEL_DEBUG,
-          "Released reference to connector %s, refcnt: %d, reason: %s\n", c->URL, count, reason);
-  if (count < 1) connectorFree(c);
+          "Released reference to connector %s, refcnt: %d, reason: %s\n", c->URL,
+          c->refcnt.load() - 1, reason);
+  if (--c->refcnt < 1) connectorFree(c);
 }
 
 KyrConnector* kyrConnectorGroupFindConnector(KyrConnectorGroup* cg, const char* url) {

@@ -42,11 +42,11 @@ void kyrConnectorGroupObtainRef(KyrConnectorGroup* cg, const char* reason) {
 }
 
 void kyrConnectorGroupReleaseRef(KyrConnectorGroup* cg, const char* reason) {
-  int count = --cg->refcnt;
+  // Traced before the count drops, as for the handle: afterwards another holder may free it.
   trTrace(cg->trCtx, cg->debugCtl, TR_LEVEL_DEBUG,
-          "Released reference to connector group %s, refcnt: %d, reason: %s\n", cg->name, count,
-          reason);
-  if (count < 1) connectorGroupFree(cg);
+          "Released reference to connector group %s, refcnt: %d, reason: %s\n", cg->name,
+          cg->refcnt.load() - 1, reason);
+  if (--cg->refcnt < 1) connectorGroupFree(cg);
 }
 
 void kyrAddConnectorGroup(Kyr* kyr, KyrConnectorGroup* cg) {

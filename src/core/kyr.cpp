@@ -218,10 +218,12 @@ void kyrObtainRef(Kyr* kyr, const char* reason) {
 }
 
 void kyrReleaseRef(Kyr* kyr, const char* reason) {
-  int count = --kyr->refcnt;
+  // Traced before the count drops: once this holder's reference is gone, another holder's
+  // release may free the handle, trace context included. Under a race the count shown may
+  // therefore be one another thread is about to change too.
   trTrace(kyr->trCtx, kyr->processRec, TR_LEVEL_DEBUG,
-          "Released reference to kyr, refcnt: %d, reason: %s\n", count, reason);
-  if (count < 1 && kyrAsyncWorkReadyForFree(kyr)) kyrHandleFree(kyr);
+          "Released reference to kyr, refcnt: %d, reason: %s\n", kyr->refcnt.load() - 1, reason);
+  if (--kyr->refcnt < 1 && kyrAsyncWorkReadyForFree(kyr)) kyrHandleFree(kyr);
 }
 
 }  // extern "C"
