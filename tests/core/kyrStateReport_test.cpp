@@ -1,12 +1,12 @@
-// The state report over a loaded cell: what a host's status page shows.
+// The state report over a loaded cell: what a host's status page shows, and what a client
+// process shows instead of its own groups.
 #include <gtest/gtest.h>
 #include <jansson.h>
 
 #include <string>
 
 #include "connector/kyrConnector.h"
-#include "core/kyr.h"
-#include "support/kyrTestHost.h"
+#include "core/kyrHandleTestUtil.h"
 #include "support/testData.h"
 
 namespace {
@@ -16,21 +16,19 @@ json_t* at(json_t* o, std::initializer_list<const char*> path) {
   return o;
 }
 
-TEST(StateReport, ShowsApplicationsClustersVersionAndConnectorGroups) {
-  kyrtest::TestHost host;
-  Kyr* kyr = host.create();
-  KyrConnector* c = kyrConnectorCreate(kyrConnectorGroupCreate(kyr, "cg1"), "http://p:9080");
+using StateReport = kyrtest::HandleFixture;
+
+TEST_F(StateReport, ShowsApplicationsClustersVersionAndConnectorGroups) {
+  KyrConnector* c = kyrConnectorCreate(kyrConnectorGroupCreate(kyr_, "cg1"), "http://p:9080");
   {
     kyr::ControlLockGuard guard("test");
     ASSERT_EQ(kyrHandleJsonFromRestService(kyrtest::readTestData("cell-web.json").c_str(), c), 20);
   }
-  char* text = kyrGetStateInfo(kyr, "ignored=1");
-  ASSERT_NE(text, nullptr);
+  char* text = kyrGetStateInfo(kyr_, "ignored=1");
   json_error_t error;
   json_t* report = json_loads(text, 0, &error);
   free(text);
   ASSERT_NE(report, nullptr) << error.text;
-
   EXPECT_STREQ(json_string_value(json_object_get(report, "version")), kyrGetVersion());
   json_t* shop = at(report, {"applications", "applications", "/cell/shop/application/shop"});
   EXPECT_EQ(json_array_size(json_object_get(shop, "editions")), 2u);
@@ -42,18 +40,14 @@ TEST(StateReport, ShowsApplicationsClustersVersionAndConnectorGroups) {
   EXPECT_STREQ(json_string_value(json_object_get(group, "state")), "STOPPED");
   EXPECT_EQ(json_integer_value(at(group, {"connectors", "http://p:9080", "versionId"})), 20);
   json_decref(report);
-  kyrDestroy(kyr);
 }
 
-TEST(StateReport, AClientProcessReportsTheControlStateItWasSent) {
-  kyrtest::TestHost host;
-  Kyr* kyr = host.create();
-  kyrConnectorGroupCreate(kyr, "local");
-  kyr->controlState = json_pack("{s:{s:s}}", "fromServer", "state", "STARTED");
-  json_t* report = kyrToJSON(kyr);
-  EXPECT_TRUE(json_equal(json_object_get(report, "connectorGroups"), kyr->controlState));
+TEST_F(StateReport, AClientProcessReportsTheControlStateItWasSent) {
+  kyrConnectorGroupCreate(kyr_, "local");
+  kyr_->controlState = json_pack("{s:{s:s}}", "fromServer", "state", "STARTED");
+  json_t* report = kyrToJSON(kyr_);
+  EXPECT_TRUE(json_equal(json_object_get(report, "connectorGroups"), kyr_->controlState));
   json_decref(report);
-  kyrDestroy(kyr);
 }
 
 }  // namespace

@@ -1,12 +1,12 @@
-// Rules and rule sets: default and explicit order with stable insertion, parse errors kept on
-// the rule, first-match search, removal and purge, attached objects freed by rule type, type
-// names, and the trace a set writes (parse errors, insertions, dumps, matches).
+// Rules and rule sets: order with stable insertion (the first match wins, so order is routing),
+// parse errors kept on the rule for the administrator, removal and purge, attached objects
+// freed by rule type, the trace a set writes, and threads searching one set together.
 #include "lang/kyrRule.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdarg>
+#include <cstdio>
 #include <string>
 #include <thread>
 #include <vector>
@@ -31,14 +31,10 @@ class RulesTest : public ::testing::Test {
     langFree(lang_);
   }
 
-  KyrRule* rule(const char* text, int order = kKyrRuleDefaultOrder) {
+  KyrRule* inserted(const char* text, int order = kKyrRuleDefaultOrder) {
     KyrRule* r = kyrRuleCreate(rules_);
     EXPECT_TRUE(kyrRuleSetExpr(r, text)) << text;
     if (order != kKyrRuleDefaultOrder) kyrRuleSetOrder(r, order);
-    return r;
-  }
-  KyrRule* inserted(const char* text, int order = kKyrRuleDefaultOrder) {
-    KyrRule* r = rule(text, order);
     kyrRulesInsertRule(rules_, r);
     return r;
   }
@@ -53,19 +49,6 @@ class RulesTest : public ::testing::Test {
   Language* lang_ = nullptr;
   KyrRules* rules_ = nullptr;
 };
-
-TEST_F(RulesTest, NewRuleHasDefaultOrderNoExpressionAndIsNotInTheSet) {
-  KyrRule* r = kyrRuleCreate(rules_);
-  EXPECT_EQ(kyrRuleGetOrder(r), 999800);
-  EXPECT_EQ(kyrRuleGetType(r), KYRRULETYPE_UNKNOWN);
-  EXPECT_EQ(kyrRuleGetErrorPosition(r), -1);
-  EXPECT_EQ(kyrRuleGetExpr(r), nullptr);
-  EXPECT_FALSE(kyrRuleIsError(r));
-  EXPECT_EQ(kyrRuleGetRules(r), rules_);
-  EXPECT_TRUE(kyrListIsEmpty(rules_->rules));
-  EXPECT_FALSE(kyrRuleMatches(nullptr, r, nullptr));
-  kyrRuleFree(r);
-}
 
 TEST_F(RulesTest, EqualOrdersKeepInsertionOrderAndDefaultGoesLast) {
   KyrRule* dflt = inserted("true");
@@ -86,65 +69,51 @@ TEST_F(RulesTest, RemoveTakesTheRuleOutByIdentity) {
   EXPECT_TRUE(kyrListIsEmpty(rules_->rules));
 }
 
-TEST_F(RulesTest, NullTextIsNoExpressionButNoError) {
-  KyrRule* r = kyrRuleCreate(rules_);
-  EXPECT_TRUE(kyrRuleSetExpr(r, nullptr));
-  EXPECT_EQ(kyrRuleGetErrorPosition(r), 0);
-  EXPECT_EQ(kyrRuleGetErrorPositionIndicatorString(r), nullptr);
-  EXPECT_FALSE(kyrRuleIsError(r));
-  EXPECT_EQ(kyrRuleGetExpr(r), nullptr);
-  EXPECT_STREQ(kyrRuleGetExpressionString(r), "NULL");
-  EXPECT_FALSE(kyrRuleMatches(nullptr, r, nullptr));
-  kyrRuleFree(r);
+TEST_F(RulesTest, ParseErrorIsKeptOnTheRuleWhichNeverMatches) {
+  struct Row {
+    const char* text;
+    const char* message;
+    int position;
+    const char* indicator;
+  } rows[] = {
+      {"'abc", "Literal has no terminating character.", 5, "    ^"},
+      {"uri = bogus", "Identifier is unknown to language ", 11, "          ^"},
+      {"uri =", "kyrRule: Internal Error - no expression created.", 0, "^"},  // did not reduce
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.text);
+    KyrRule* r = kyrRuleCreate(rules_);
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(kyrRuleSetExpr(r, row.text));
+    testing::internal::GetCapturedStderr();
+    EXPECT_TRUE(kyrRuleIsError(r));
+    EXPECT_STREQ(kyrRuleGetError(r), row.message);
+    EXPECT_EQ(kyrRuleGetErrorPosition(r), row.position);
+    EXPECT_STREQ(kyrRuleGetErrorPositionIndicatorString(r), row.indicator);
+    EXPECT_STREQ(kyrRuleGetExpressionString(r), row.text);
+    TestRequest req;
+    EXPECT_FALSE(kyrRuleMatches(nullptr, r, &req));
+    kyrRuleFree(r);
+  }
 }
 
-TEST_F(RulesTest, TokenizerErrorIsKeptOnTheRule) {
-  KyrRule* r = kyrRuleCreate(rules_);
-  EXPECT_FALSE(kyrRuleSetExpr(r, "'abc"));
-  EXPECT_TRUE(kyrRuleIsError(r));
-  EXPECT_STREQ(kyrRuleGetError(r), "Literal has no terminating character.");
-  EXPECT_EQ(kyrRuleGetErrorPosition(r), 5);
-  EXPECT_STREQ(kyrRuleGetErrorPositionIndicatorString(r), "    ^");
-  EXPECT_EQ(kyrRuleGetExpr(r), nullptr);
-  kyrRuleFree(r);
-}
-
-TEST_F(RulesTest, ParserErrorIsKeptOnTheRule) {
-  KyrRule* r = kyrRuleCreate(rules_);
-  EXPECT_FALSE(kyrRuleSetExpr(r, "uri = bogus"));
-  EXPECT_STREQ(kyrRuleGetError(r), "Identifier is unknown to language ");
-  EXPECT_EQ(kyrRuleGetErrorPosition(r), 11);
-  EXPECT_STREQ(kyrRuleGetErrorPositionIndicatorString(r), "          ^");
-  kyrRuleFree(r);
-}
-
-TEST_F(RulesTest, UnreducedTextIsAnInternalErrorAndNeverMatches) {
-  KyrRule* r = kyrRuleCreate(rules_);
-  testing::internal::CaptureStderr();
-  EXPECT_FALSE(kyrRuleSetExpr(r, "uri ="));
-  testing::internal::GetCapturedStderr();
-  EXPECT_STREQ(kyrRuleGetError(r), "kyrRule: Internal Error - no expression created.");
-  EXPECT_EQ(kyrRuleGetErrorPosition(r), 0);
-  EXPECT_STREQ(kyrRuleGetErrorPositionIndicatorString(r), "^");
-  EXPECT_STREQ(kyrRuleGetExpressionString(r), "uri =");
-  TestRequest req;
-  EXPECT_FALSE(kyrRuleMatches(nullptr, r, &req));
-  kyrRuleFree(r);
-}
-
+// Rules are edited in place: each text replaces the expression and the error of the last one.
 TEST_F(RulesTest, NewTextReplacesExpressionAndError) {
   KyrRule* r = kyrRuleCreate(rules_);
+  TestRequest req;
   EXPECT_FALSE(kyrRuleSetExpr(r, "'x"));
   EXPECT_TRUE(kyrRuleSetExpr(r, "port = 80"));
   EXPECT_FALSE(kyrRuleIsError(r));
   EXPECT_EQ(kyrRuleGetErrorPosition(r), -1);
-  EXPECT_EQ(kyrRuleGetErrorPositionIndicatorString(r), nullptr);
-  TestRequest req;
   EXPECT_TRUE(kyrRuleMatches(nullptr, r, &req));
   testing::internal::CaptureStderr();
   EXPECT_FALSE(kyrRuleSetExpr(r, "port ="));
   testing::internal::GetCapturedStderr();
   EXPECT_FALSE(kyrRuleMatches(nullptr, r, &req)) << "the old expression is gone";
+  EXPECT_TRUE(kyrRuleSetExpr(r, nullptr)) << "no text: no expression, but no error either";
+  EXPECT_FALSE(kyrRuleIsError(r));
+  EXPECT_STREQ(kyrRuleGetExpressionString(r), "NULL");
+  EXPECT_FALSE(kyrRuleMatches(nullptr, r, &req));
   kyrRuleFree(r);
 }
 
@@ -166,46 +135,31 @@ TEST_F(RulesTest, FindReturnsTheFirstMatchInOrder) {
 }
 
 TEST_F(RulesTest, ResultThatIsNotABooleanMatchesByItsFirstWord) {
-  KyrRule* r = rule("port");
+  KyrRule* r = inserted("port");
   TestRequest req;
   EXPECT_TRUE(kyrRuleMatches(nullptr, r, &req));
   req.port = 0;
   EXPECT_FALSE(kyrRuleMatches(nullptr, r, &req));
-  kyrRuleFree(r);
 }
 
-TEST_F(RulesTest, WorkClassRuleFreesItsActionAndHealthRuleLeavesItsObject) {
-  int before = kyrGetMemCount();
-  KyrRule* wc = inserted("true", 1);
-  kyrRuleSetType(wc, KYRRULETYPE_WEBROUTEWORKCLASS);
-  kyrRuleSetObject(wc, actionCreate("permit:a-edition1"));
-  KyrRule* health = inserted("true", 2);
-  kyrRuleSetType(health, KYRRULETYPE_HEALTHPOLICY);
-  char* owned = kyrStrdup("the owner's");
-  kyrRuleSetObject(health, owned);
-  int application = 0;
-  kyrRuleSetApplication(health, &application);
-  EXPECT_EQ(kyrRuleGetApplication(health), &application);
-  EXPECT_EQ(actionGetType(static_cast<Action*>(kyrRuleGetObject(wc))), PERMIT);
-  kyrRuleFree(wc);
-  kyrRuleFree(health);
-  EXPECT_STREQ(owned, "the owner's");
-  kyrFree(owned);
-  EXPECT_EQ(kyrGetMemCount(), before);
-}
-
-TEST_F(RulesTest, PurgeAndFreeDeleteTheRulesInTheSet) {
+// A work-class rule owns its action, a health-policy rule only points at its owner's object;
+// purging and freeing the set free the rules as their types say.
+TEST_F(RulesTest, PurgeAndFreeDeleteTheRulesWithTheObjectsTheyOwn) {
   int before = kyrGetMemCount();
   KyrRules* set = kyrRulesCreate(lang_, nullptr);
-  for (int i = 0; i < 3; ++i) {
+  char* owned = kyrStrdup("the owner's");
+  for (KyrRuleType type : {KYRRULETYPE_WEBROUTEWORKCLASS, KYRRULETYPE_HEALTHPOLICY}) {
     KyrRule* r = kyrRuleCreate(set);
     kyrRuleSetExpr(r, "uri like '/a/*'");
-    kyrRuleSetType(r, KYRRULETYPE_WEBROUTEWORKCLASS);
-    kyrRuleSetObject(r, actionCreate("reject:503"));
+    kyrRuleSetType(r, type);
+    kyrRuleSetObject(r, type == KYRRULETYPE_HEALTHPOLICY ? static_cast<void*>(owned)
+                                                         : actionCreate("reject:503"));
     kyrRulesInsertRule(set, r);
   }
   kyrRulesPurge(set);
   EXPECT_TRUE(kyrListIsEmpty(set->rules));
+  EXPECT_STREQ(owned, "the owner's");
+  kyrFree(owned);
   KyrRule* r = kyrRuleCreate(set);
   kyrRuleSetExpr(r, "true");
   kyrRulesInsertRule(set, r);
@@ -213,34 +167,8 @@ TEST_F(RulesTest, PurgeAndFreeDeleteTheRulesInTheSet) {
   EXPECT_EQ(kyrGetMemCount(), before);
 }
 
-TEST_F(RulesTest, TypeNamesIncludingTheDeliberateUnknowns) {
-  KyrRule* r = kyrRuleCreate(rules_);
-  const std::pair<KyrRuleType, const char*> ruleTypes[] = {
-      {KYRRULETYPE_UNKNOWN, "UNKNOWN"},
-      {KYRRULETYPE_WEBROUTEWORKCLASS, "WEBROUTEWORKCLASS"},
-      {KYRRULETYPE_REQUESTTRACE, "REQUESTTRACE"},
-      {KYRRULETYPE_CONTROLTRACE, "CONTROLTRACE"},
-      {KYRRULETYPE_HEALTHPOLICY, "UNKNOWN!"}};
-  for (const auto& [type, name] : ruleTypes) {
-    kyrRuleSetType(r, type);
-    EXPECT_STREQ(kyrRuleGetTypeString(r), name);
-  }
-  kyrRuleSetType(r, KYRRULETYPE_UNKNOWN);  // so that freeing does not look at the object
-  kyrRuleFree(r);
-  EXPECT_STREQ(kyrRuleGetTypeString(nullptr), "UNKNOWN-NULL");
-  EXPECT_STREQ(kyrRulesGetTypeString(rules_), "UNKNOWN");
-  kyrRulesSetType(rules_, KYRRULESTYPE_WEBROUTEWORKCLASS);
-  EXPECT_EQ(kyrRulesGetType(rules_), KYRRULESTYPE_WEBROUTEWORKCLASS);
-  EXPECT_STREQ(kyrRulesGetTypeString(rules_), "WEBROUTEWORKCLASS");
-  kyrRulesSetType(rules_, KYRRULESTYPE_VQTRACESPEC);
-  EXPECT_STREQ(kyrRulesGetTypeString(rules_), "VQTRACESPEC");
-  kyrRulesSetType(rules_, static_cast<KyrRulesType>(7));
-  EXPECT_STREQ(kyrRulesGetTypeString(rules_), "UNKNOWN!");
-  EXPECT_STREQ(kyrRulesGetTypeString(nullptr), "UNKNOWN-NULL");
-  EXPECT_EQ(kyrRulesGetLang(rules_), lang_);
-  EXPECT_EQ(kyrRulesGetKyr(rules_), nullptr);
-}
-
+// Callers take the set's lock around a search and the use of its result, so the search itself
+// must not take it.
 TEST_F(RulesTest, LockCanBeHeldAroundASearch) {
   KyrRule* r = inserted("true");
   kyrRulesLockObtain(rules_, "test");
@@ -248,141 +176,87 @@ TEST_F(RulesTest, LockCanBeHeldAroundASearch) {
   kyrRulesLockRelease(rules_);
 }
 
-TEST(RuleParentWrapper, KeepsObjectAndType) {
-  int owner = 0;
-  KyrRuleParentWrapper* w = kyrRuleParentWrapperCreate(&owner, KYRRULEPARENTTYPE_VQTRACESPEC);
-  EXPECT_EQ(kyrRuleParentWrapperGetType(w), KYRRULEPARENTTYPE_VQTRACESPEC);
-  EXPECT_EQ(kyrRuleParentWrapperGetObject(w), &owner);
-  kyrRuleParentWrapperDestroy(w);
-  EXPECT_EQ(kyrRuleParentWrapperGetType(nullptr), KYRRULEPARENTTYPE_UNKNOWN);
-  EXPECT_EQ(kyrRuleParentWrapperGetObject(nullptr), nullptr);
-}
-
-TEST(RuleSortOrder, NumberAfterTheLastSlash) {
-  EXPECT_EQ(ruleNameToSortOrder("/cell/c/app/a/rules/12"), 12);
-  EXPECT_EQ(ruleNameToSortOrder("34"), 34);
-  EXPECT_EQ(ruleNameToSortOrder("abc"), 0);
-  EXPECT_EQ(ruleNameToSortOrder(""), 0);
-  EXPECT_EQ(ruleNameToSortOrder(nullptr), 0);
-}
-
-// What the host's print callback received, one formatted line per call.
-std::vector<std::string>& traced() {
-  static std::vector<std::string> lines;
-  return lines;
-}
-
-void capture(TrContext* ctx, va_list args) {
-  char text[1024];
-  vsnprintf(text, sizeof text, trContextGetFormat(ctx), args);
-  traced().push_back(text);
-}
-
-// A rule set on a real handle with every record enabled.
+// A rule set on a real handle with every record enabled; the handle traces to stderr.
 class TracedRulesTest : public ::testing::Test {
  protected:
   void SetUp() override {
     kyr_ = host_.create();
     ASSERT_NE(kyr_, nullptr);
-    trMgrSetPrintf(kyrGetTrMgr(kyr_), capture);
     trContextSetSpec(kyrGetTrContext(kyr_), trSpecCreate(kyrGetTrMgr(kyr_), nullptr));
     lang_ = createTestLanguage();
     rules_ = kyrRulesCreate(lang_, kyr_);
     kyrRulesSetType(rules_, KYRRULESTYPE_WEBROUTEWORKCLASS);
-    traced().clear();
+    testing::internal::CaptureStderr();
   }
   void TearDown() override {
     kyrRulesFree(rules_);
     langFree(lang_);
     kyrDestroy(kyr_);
     trPurgeDeathRow();
+    testing::internal::GetCapturedStderr();
   }
-  bool saw(const std::string& line) const {
-    for (const auto& l : traced()) {
-      if (l == line) return true;
-    }
-    return false;
+  // Whether `text` has been traced so far.
+  bool traced(const std::string& text) {
+    log_ += testing::internal::GetCapturedStderr();
+    testing::internal::CaptureStderr();
+    return log_.find(text) != std::string::npos;
+  }
+  static std::string withContext(const char* format, void* context) {
+    char line[128];
+    snprintf(line, sizeof line, format, context);
+    return line;
   }
 
   kyrtest::TestHost host_;
   Kyr* kyr_ = nullptr;
   Language* lang_ = nullptr;
   KyrRules* rules_ = nullptr;
+  std::string log_;
 };
 
-TEST_F(TracedRulesTest, RecordsAreLookedUpInTheHandlesManager) {
-  EXPECT_EQ(rules_->recReqMatch,
-            trMgrGetRecord(kyrGetTrMgr(kyr_), "http.request.rules.traceRuleMatch"));
-  EXPECT_NE(rules_->recReqProcess, nullptr);
-  EXPECT_NE(rules_->recCtrlParseError, nullptr);
-  EXPECT_NE(rules_->recCtrlParseProcess, nullptr);
-  EXPECT_NE(rules_->recCtrlInsert, nullptr);
-  EXPECT_NE(rules_->recCtrlList, nullptr);
-  EXPECT_NE(rules_->recCtrlProcess, nullptr);
-  EXPECT_EQ(kyrRulesGetKyr(rules_), kyr_);
-}
-
+// What an administrator reads to find out why a request took its route: parse failures,
+// the set after each change, and which rule matched.
 TEST_F(TracedRulesTest, ParseInsertDumpMatchAndRemoveAreTraced) {
   KyrRule* bad = kyrRuleCreate(rules_);
   kyrRuleSetOrder(bad, 3);
   EXPECT_FALSE(kyrRuleSetExpr(bad, "'abc"));
   EXPECT_TRUE(
-      saw("Rule expression ''abc' failed to parse at position 5: "
-          "Literal has no terminating character."));
+      traced("Rule expression ''abc' failed to parse at position 5: "
+             "Literal has no terminating character."));
   KyrRule* good = kyrRuleCreate(rules_);
   kyrRuleSetOrder(good, 5);
   EXPECT_TRUE(kyrRuleSetExpr(good, "true"));
-  EXPECT_TRUE(saw("kyrRule: Parsed expression 'true' for rule #5"));
   kyrRulesInsertRule(rules_, good);
   kyrRulesInsertRule(rules_, bad);
   EXPECT_TRUE(
-      saw("kyrRule: Inserting rule #5 ('true') into rules container of type "
-          "WEBROUTEWORKCLASS.\n"));
-  EXPECT_TRUE(saw("kyrRules: WEBROUTEWORKCLASS rules - after insertion\n"));
-  EXPECT_TRUE(saw("kyrRule: Rule 5: type=UNKNOWN expr='true'\n"));
-  EXPECT_TRUE(
-      saw("kyrRule: Rule 3: type=UNKNOWN expr=''abc' Error Message: Literal has no "
-          "terminating character., position=5\n"));
+      traced("kyrRule: Rule 3: type=UNKNOWN expr=''abc' Error Message: Literal has no "
+             "terminating character., position=5\n"));
   int request = 0;
-  char matched[128];
-  snprintf(matched, sizeof matched, "kyrRule: Rule #5 (true) matches context %p",
-           static_cast<void*>(&request));
   EXPECT_EQ(kyrRulesFindMatchingRule(kyrGetTrContext(kyr_), rules_, &request), good);
-  EXPECT_TRUE(saw(matched));
+  EXPECT_TRUE(traced(withContext("kyrRule: Rule #5 (true) matches context %p", &request)));
   kyrRuleFree(good);
-  EXPECT_TRUE(saw("kyrRule: Removing rule #5 (true)from rules object\n"));
-  EXPECT_TRUE(saw("kyrRules: WEBROUTEWORKCLASS rules - after removal\n"));
-  char none[128];
-  snprintf(none, sizeof none, "kyrRule: No rule found matching context %p",
-           static_cast<void*>(&request));
+  EXPECT_TRUE(traced("kyrRule: Removing rule #5 (true)from rules object\n"));
   EXPECT_EQ(kyrRulesFindMatchingRule(kyrGetTrContext(kyr_), rules_, &request), nullptr);
-  EXPECT_TRUE(saw(none));
+  EXPECT_TRUE(traced(withContext("kyrRule: No rule found matching context %p", &request)));
 }
 
+// The evaluation context finds the set's request record through the trace context alone.
 TEST_F(TracedRulesTest, OperatorsWriteDebugLinesToTheEvaluationRecord) {
   KyrRule* r = kyrRuleCreate(rules_);
   kyrRuleSetExpr(r, "2 between 1 and 3");
   EXPECT_TRUE(kyrRuleMatches(kyrGetTrContext(kyr_), r, nullptr));
-  EXPECT_TRUE(saw("IntBetweenInt 1<=2<=3 --> TRUE\n"));
+  EXPECT_TRUE(traced("IntBetweenInt 1<=2<=3 --> TRUE\n"));
   kyrRuleFree(r);
 }
 
-TEST_F(TracedRulesTest, EvaluationContextLooksUpItsDebugRecord) {
-  EvaluationContext* ec = evaluationContextCreate(kyrGetTrContext(kyr_), nullptr);
-  EXPECT_EQ(evaluationContextGetTrRecord(ec), rules_->recReqProcess);
-  EXPECT_EQ(evaluationContextGetTrContext(ec), kyrGetTrContext(kyr_));
-  EXPECT_TRUE(evaluationContextDebugEnabled(ec));
-  evaluationContextFree(ec);
-}
-
-TEST_F(TracedRulesTest, TraceRuleReleasesItsSpecification) {
-  TrSpec* spec = trSpecCreate(kyrGetTrMgr(kyr_), "control:DEBUG");
-  trSpecRefObtain(spec);  // the test's own reference
+TEST_F(TracedRulesTest, TraceRuleReleasesItsTraceSpecification) {
+  TrSpec* traceSpec = trSpecCreate(kyrGetTrMgr(kyr_), "control:DEBUG");
+  trSpecRefObtain(traceSpec);  // the test's own reference
   KyrRule* r = kyrRuleCreate(rules_);
   kyrRuleSetType(r, KYRRULETYPE_REQUESTTRACE);
-  kyrRuleSetObject(r, spec);  // hands the creation reference to the rule
+  kyrRuleSetObject(r, traceSpec);  // hands the creation reference to the rule
   kyrRuleFree(r);
-  EXPECT_EQ(trSpecRefRelease(spec), 0) << "the rule released its reference";
+  EXPECT_EQ(trSpecRefRelease(traceSpec), 0) << "the rule released its reference";
 }
 
 // Request threads walk one published rule set at the same time; expressions are read-only and
@@ -392,15 +266,13 @@ TEST(RuleConcurrency, ThreadsEvaluateOneSetTogether) {
   KyrRules* rules = kyrRulesCreate(lang, nullptr);
   const char* texts[] = {"uri like '/a/*' and cookie$JSESSIONID is not null",
                          "uri + '!' = '/b!' or port in (443, 8443)", "percentage$50 and true"};
+  std::vector<KyrRule*> byOrder;
   for (int i = 0; i < 3; ++i) {
-    KyrRule* r = kyrRuleCreate(rules);
-    kyrRuleSetOrder(r, i);
-    kyrRuleSetExpr(r, texts[i]);
-    kyrRulesInsertRule(rules, r);
+    byOrder.push_back(kyrRuleCreate(rules));
+    kyrRuleSetOrder(byOrder[i], i);
+    kyrRuleSetExpr(byOrder[i], texts[i]);
+    kyrRulesInsertRule(rules, byOrder[i]);
   }
-  KyrRule* first = static_cast<KyrRule*>(kyrListEleGetObject(kyrListGetHead(rules->rules)));
-  KyrRule* second =
-      static_cast<KyrRule*>(kyrListEleGetObject(kyrListGetNext(kyrListGetHead(rules->rules))));
   std::atomic<int> wrong{0};
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
@@ -408,7 +280,7 @@ TEST(RuleConcurrency, ThreadsEvaluateOneSetTogether) {
       TestRequest req;
       req.uri = t % 2 == 0 ? "/a/x" : "/b";
       req.cookies["JSESSIONID"] = "s";
-      KyrRule* expected = t % 2 == 0 ? first : second;
+      KyrRule* expected = byOrder[t % 2];
       for (int i = 0; i < 2000; ++i) {
         if (kyrRulesFindMatchingRule(nullptr, rules, &req) != expected) ++wrong;
       }

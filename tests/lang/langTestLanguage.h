@@ -124,19 +124,4 @@ inline Language* createTestLanguage(TrContext* trCtx = nullptr, TrRecord* trRec 
   return lang;
 }
 
-// Tokenizes and parses `text` as a rule (EXPR_BOOLEAN); null on any failure.
-inline Expression* parseRule(Language* lang, const char* text) {
-  Tokenizer* t = tokenizerCreate(text);
-  Expression* expr = nullptr;
-  if (!tokenizerIsError(t)) {
-    expr = langParse(lang, t, 0, EXPR_BOOLEAN, nullptr);
-    if (tokenizerIsError(t)) {
-      expressionFree(expr);
-      expr = nullptr;
-    }
-  }
-  tokenizerFree(t);
-  return expr;
-}
-
 }  // namespace kyr::langtest

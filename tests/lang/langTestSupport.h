@@ -1,9 +1,10 @@
 // Helpers for the rule-language tests: a fixture owning the test language, parse outcomes with
-// the tokenizer's error, evaluation against a toy request, and a look at a tree's operators.
+// the tokenizer's error, evaluation against a toy request, and a tree's operators as text.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -38,14 +39,20 @@ inline Parsed parseWith(Language* lang, const char* text, ExpressionType type = 
   return p;
 }
 
-// The internal name of the operator that built `e`, or "" for a constant or operand.
-inline std::string operatorName(const Expression* e) {
-  if (e == nullptr || e->embodiment != EXPR_IS_OPERATOR) return "";
-  return static_cast<const OperatorContext*>(e->exprCtx)->op->name;
-}
-
 inline Expression* inputOf(const Expression* e, int i) {
   return operatorContextGetInput(static_cast<const OperatorContext*>(e->exprCtx), i);
+}
+
+// The operator tree of `e` by internal names, e.g. "OR(AND(_,_),_)"; "_" is a constant or
+// an operand. One string shows both which operators won and how they grouped.
+inline std::string shape(const Expression* e) {
+  if (e == nullptr || e->embodiment != EXPR_IS_OPERATOR) return "_";
+  const auto* ctx = static_cast<const OperatorContext*>(e->exprCtx);
+  std::string out = std::string(ctx->op->name) + "(";
+  for (int i = 0; i < operatorContextGetNumInputs(ctx); ++i) {
+    out += (i > 0 ? "," : "") + shape(inputOf(e, i));
+  }
+  return out + ")";
 }
 
 class LangTest : public ::testing::Test {
@@ -66,6 +73,15 @@ class LangTest : public ::testing::Test {
     EvalValue v = expressionEvaluate(p.expr.get(), ec.get());
     if (!v.isBoolean()) return std::nullopt;
     return v.boolean();
+  }
+
+  // Every text must come out as `expected` against `request`; a failure names its text.
+  void expectEach(bool expected, std::initializer_list<const char*> texts,
+                  const TestRequest& request = TestRequest{}) {
+    for (const char* text : texts) {
+      SCOPED_TRACE(text);
+      EXPECT_EQ(truth(text, request), expected);
+    }
   }
 
   Language* lang_ = nullptr;

@@ -13,7 +13,9 @@
 namespace kyr {
 namespace {
 
-std::vector<std::string> g_destroyed;
+using Texts = std::vector<std::string>;
+
+Texts g_destroyed;
 const KyrList* g_cleaning = nullptr;
 int g_countSeenByDestructor = -1;
 
@@ -28,12 +30,12 @@ class ListTest : public ::testing::Test {
   void TearDown() override { kyrListDestroy(list_); }
 
   // Objects front to back, checking that the backward links mirror the forward ones.
-  std::vector<std::string> contents() const {
-    std::vector<std::string> forward;
+  Texts contents() const {
+    Texts forward;
     for (KyrListEle* e = kyrListGetHead(list_); e != nullptr; e = kyrListGetNext(e)) {
       forward.emplace_back(static_cast<const char*>(kyrListEleGetObject(e)));
     }
-    std::vector<std::string> backward;
+    Texts backward;
     for (KyrListEle* e = kyrListGetTail(list_); e != nullptr; e = kyrListGetPrev(e)) {
       backward.insert(backward.begin(), static_cast<const char*>(kyrListEleGetObject(e)));
     }
@@ -46,49 +48,50 @@ class ListTest : public ::testing::Test {
   char a_[2] = "a";
   char b_[2] = "b";
   char c_[2] = "c";
+  char x_[2] = "x";
 };
 
-using Texts = std::vector<std::string>;
-
-TEST_F(ListTest, AdditionsPlaceElementsWhereNamed) {
-  EXPECT_TRUE(kyrListIsEmpty(list_));
+TEST_F(ListTest, InsertionsAndRemovalsRelinkWithoutCallingTheDestructor) {
   KyrListEle* b = kyrListAddTail(list_, b_);
   kyrListAddHead(list_, a_);
   kyrListAddTail(list_, c_);
-  EXPECT_EQ(contents(), (Texts{"a", "b", "c"}));
-  char x[] = "x";
-  char y[] = "y";
-  kyrListInsertBefore(list_, b, x);
-  kyrListInsertBefore(list_, kyrListGetHead(list_), y);
-  EXPECT_EQ(contents(), (Texts{"y", "a", "x", "b", "c"}));
-  EXPECT_FALSE(kyrListIsEmpty(list_));
-}
-
-TEST_F(ListTest, RemovalRelinksAndNeverCallsTheDestructor) {
-  kyrListAddTail(list_, a_);
-  KyrListEle* b = kyrListAddTail(list_, b_);
-  kyrListAddTail(list_, c_);
+  kyrListInsertBefore(list_, b, x_);
+  EXPECT_EQ(contents(), (Texts{"a", "x", "b", "c"}));
   EXPECT_EQ(kyrListRemove(list_, b), b_);
-  EXPECT_EQ(contents(), (Texts{"a", "c"}));
+  EXPECT_EQ(contents(), (Texts{"a", "x", "c"}));
   EXPECT_EQ(kyrListRemoveTail(list_), c_);
+  kyrListInsertBefore(list_, kyrListGetHead(list_), c_);
+  EXPECT_EQ(contents(), (Texts{"c", "a", "x"}));
+  EXPECT_EQ(kyrListRemoveHead(list_), c_);
   EXPECT_EQ(kyrListRemoveHead(list_), a_);
-  EXPECT_EQ(contents(), Texts{});
+  EXPECT_EQ(kyrListRemoveTail(list_), x_);
+  EXPECT_TRUE(kyrListIsEmpty(list_));
   EXPECT_EQ(kyrListRemoveHead(list_), nullptr);
   EXPECT_EQ(kyrListRemoveTail(list_), nullptr);
   EXPECT_TRUE(g_destroyed.empty());
 }
 
-TEST_F(ListTest, DeleteAndRemoveObjectCallTheDestructor) {
+TEST_F(ListTest, DeleteRemoveObjectAndCleanCallTheDestructor) {
   kyrListAddTail(list_, a_);
   kyrListAddTail(list_, b_);
   kyrListDelete(list_, kyrListGetHead(list_));
   EXPECT_TRUE(kyrListRemoveObject(list_, b_));
   EXPECT_FALSE(kyrListRemoveObject(list_, c_));
   EXPECT_EQ(g_destroyed, (Texts{"a", "b"}));
-  EXPECT_TRUE(kyrListIsEmpty(list_));
+  // Clean empties the list before destroying, front to back, skipping null objects.
+  kyrListAddTail(list_, c_);
+  kyrListAddTail(list_, nullptr);
+  kyrListAddTail(list_, x_);
+  g_cleaning = list_;
+  kyrListClean(list_);
+  g_cleaning = nullptr;
+  EXPECT_EQ(g_destroyed, (Texts{"a", "b", "c", "x"}));
+  EXPECT_EQ(g_countSeenByDestructor, 0);
+  kyrListAddTail(list_, a_);
+  EXPECT_EQ(contents(), Texts{"a"});
 }
 
-TEST_F(ListTest, FindMatchesByPointerAndFindStrByText) {
+TEST_F(ListTest, FindMatchesByPointerAndTheStrVariantsByText) {
   kyrListAddTail(list_, a_);
   char otherA[] = "a";
   EXPECT_EQ(kyrListFind(list_, otherA), nullptr);
@@ -98,32 +101,14 @@ TEST_F(ListTest, FindMatchesByPointerAndFindStrByText) {
   EXPECT_EQ(kyrListFindAndRemove(list_, otherA), otherA);
   EXPECT_EQ(kyrListFindAndRemove(list_, otherA), nullptr);
   EXPECT_EQ(contents(), Texts{"a"});
-}
 
-TEST_F(ListTest, UniqueStrAddsAPlainCopyThatFindAndRemoveStrReleases) {
   KyrList* names = kyrListCreate(nullptr);
-  char name[] = "n1";
-  EXPECT_TRUE(kyrListAddUniqueStr(names, name));
-  EXPECT_FALSE(kyrListAddUniqueStr(names, "n1"));
-  EXPECT_NE(kyrListEleGetObject(kyrListGetHead(names)), name);
-  EXPECT_TRUE(kyrListFindAndRemoveStr(names, "n1"));  // ASan would report the copy if kept
-  EXPECT_FALSE(kyrListFindAndRemoveStr(names, "n1"));
+  EXPECT_TRUE(kyrListAddUniqueStr(names, otherA));
+  EXPECT_FALSE(kyrListAddUniqueStr(names, "a"));
+  EXPECT_NE(kyrListEleGetObject(kyrListGetHead(names)), otherA);  // a plain copy
+  EXPECT_TRUE(kyrListFindAndRemoveStr(names, "a"));  // ASan would report the copy if kept
+  EXPECT_FALSE(kyrListFindAndRemoveStr(names, "a"));
   kyrListDestroy(names);
-}
-
-TEST_F(ListTest, CleanEmptiesTheListBeforeDestroyingFrontToBack) {
-  kyrListAddTail(list_, a_);
-  kyrListAddTail(list_, nullptr);
-  kyrListAddTail(list_, b_);
-  g_cleaning = list_;
-  kyrListClean(list_);
-  g_cleaning = nullptr;
-  EXPECT_EQ(g_destroyed, (Texts{"a", "b"}));
-  EXPECT_EQ(g_countSeenByDestructor, 0);
-  EXPECT_EQ(kyrListGetHead(list_), nullptr);
-  EXPECT_EQ(kyrListGetTail(list_), nullptr);
-  kyrListAddTail(list_, c_);
-  EXPECT_EQ(contents(), Texts{"c"});
 }
 
 TEST_F(ListTest, CreateArrayIsNullTerminatedInListOrder) {
@@ -139,13 +124,10 @@ TEST_F(ListTest, CreateArrayIsNullTerminatedInListOrder) {
   free(array);
 }
 
-TEST_F(ListTest, NullListAndElementAccessorsAndDestroy) {
+TEST_F(ListTest, NullListsAreToleratedAndOnlyTheDbgListItselfIsCounted) {
   EXPECT_EQ(kyrListGetHead(nullptr), nullptr);
   EXPECT_EQ(kyrListEleGetObject(nullptr), nullptr);
   kyrListDestroy(nullptr);
-}
-
-TEST_F(ListTest, CountedVariantsMoveTheCounterForTheListOnly) {
   int before = kyrGetMemCount();
   KyrList* counted = kyrListCreateDbg(nullptr);
   kyrListAddTail(counted, a_);

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 
 #include "runtime/kyrLibUtil.h"
 
@@ -33,26 +34,22 @@ Parts parse(const char* text) {
   return parts;
 }
 
-const Parts kFailed{"(null)", "", 0, ""};
-
-TEST(Url, DefaultPortsAndPath) {
-  EXPECT_EQ(parse("https://h/x"), (Parts{"https", "h", 443, "/x"}));
-  EXPECT_EQ(parse("http://pub.example.com"), (Parts{"http", "pub.example.com", 80, "/"}));
-  EXPECT_EQ(parse("http://h:9080/a/b?q=1"), (Parts{"http", "h", 9080, "/a/b?q=1"}));
-}
-
-TEST(Url, PortTextRules) {
-  EXPECT_EQ(parse("http://h:8x/p").port, -1);
-  EXPECT_EQ(parse("http://h:/p"), (Parts{"http", "h", 0, "/p"}));
-  EXPECT_EQ(parse("ftp://h:21"), (Parts{"ftp", "h", 21, "/"}));
-  EXPECT_EQ(parse("http://h:1:2/p"), (Parts{"http", "h", 2, "/p"}));  // last ":" wins
-  EXPECT_EQ(parse("http://h/p:80"), (Parts{"http", "h", 80, "/p:80"}));
-}
-
-TEST(Url, RefusesMissingSeparatorAndUnknownProtocolWithoutPort) {
-  EXPECT_EQ(parse("ftp://h/x"), kFailed);
-  EXPECT_EQ(parse("h:80/x"), kFailed);
-  EXPECT_EQ(parse(nullptr), kFailed);
+TEST(Url, SplitsIntoTheseParts) {
+  const Parts failed{"(null)", "", 0, ""};
+  const std::pair<const char*, Parts> rows[] = {
+      {"https://h/x", {"https", "h", 443, "/x"}},
+      {"http://pub.example.com", {"http", "pub.example.com", 80, "/"}},
+      {"http://h:9080/a/b?q=1", {"http", "h", 9080, "/a/b?q=1"}},
+      {"http://h:8x/p", {"http", "h", -1, "/p"}},
+      {"http://h:/p", {"http", "h", 0, "/p"}},
+      {"ftp://h:21", {"ftp", "h", 21, "/"}},
+      {"http://h:1:2/p", {"http", "h", 2, "/p"}},  // the last ":" wins
+      {"http://h/p:80", {"http", "h", 80, "/p:80"}},
+      {"ftp://h/x", failed},  // no default port for an unknown protocol
+      {"h:80/x", failed},
+      {nullptr, failed},
+  };
+  for (const auto& [text, parts] : rows) EXPECT_EQ(parse(text), parts) << (text ? text : "null");
 }
 
 }  // namespace

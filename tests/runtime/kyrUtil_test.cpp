@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <climits>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -31,56 +30,41 @@ std::vector<std::string> split(const char* str, const char* delimiter) {
 
 using Pieces = std::vector<std::string>;
 
-TEST(Util, CompareIgnoresCaseAndSortsTheLongerStringFirst) {
+TEST(Util, CompareIgnoresCaseAndSortsTheLongerStringAndNullFirst) {
   EXPECT_EQ(kyrStrCmpIgnoreCase("Cell", "cELL"), 0);
   EXPECT_EQ(kyrStrCmpIgnoreCase("abc", "ABD"), -1);
   EXPECT_EQ(kyrStrCmpIgnoreCase("b", "A"), 1);
   EXPECT_EQ(kyrStrCmpIgnoreCase("abc", "ab"), -1);
-  EXPECT_EQ(kyrStrCmpIgnoreCase("ab", "abc"), 1);
   EXPECT_EQ(kyrStrCmpIgnoreCase(nullptr, nullptr), 0);
   EXPECT_EQ(kyrStrCmpIgnoreCase(nullptr, "a"), 1);
   EXPECT_EQ(kyrStrCmpIgnoreCase("a", nullptr), -1);
 }
 
-TEST(Util, StringCatReturnsTheOriginalWhenThereIsNothingToAppend) {
+TEST(Util, CatAndJoinHandleMissingSides) {
   char org[] = "abc";
-  EXPECT_EQ(kyrStringCat(org, ""), org);
+  EXPECT_EQ(kyrStringCat(org, ""), org);  // nothing to append: the original, not a copy
   EXPECT_EQ(kyrStringCat(org, nullptr), org);
   EXPECT_EQ(kyrStringCat(nullptr, "x"), nullptr);
-  int before = kyrGetMemCount();
   EXPECT_EQ(take(kyrStringCat(org, "def")), "abcdef");
   EXPECT_STREQ(org, "abc");
-  EXPECT_EQ(kyrGetMemCount(), before);
-}
-
-TEST(Util, JoinCopiesTheNonNullSide) {
-  EXPECT_EQ(take(kyrStrJoin("ab", "cd")), "abcd");
   EXPECT_EQ(take(kyrStrJoin(nullptr, "cd")), "cd");
   EXPECT_EQ(take(kyrStrJoin("ab", nullptr)), "ab");
   EXPECT_EQ(kyrStrJoin(nullptr, nullptr), nullptr);
 }
 
-TEST(Util, IndexOfFindsTheFirstOccurrenceOrMinusOne) {
-  EXPECT_EQ(kyrIndexOfChar("a/b/c", '/'), 1);
-  EXPECT_EQ(kyrIndexOfChar("abc", '/'), -1);
+TEST(Util, SearchesRejectNullAndLongerPatterns) {
   EXPECT_EQ(kyrIndexOfString("a/uri/b/uri/", "/uri/"), 1);
-  EXPECT_EQ(kyrIndexOfString("abc", "bd"), -1);
-}
-
-TEST(Util, StartsAndEndsWithRejectNullAndLongerPatterns) {
-  EXPECT_TRUE(kyrStartsWith("/cell/c1", "/cell"));
+  EXPECT_EQ(kyrIndexOfChar("abc", '/'), -1);
   EXPECT_TRUE(kyrStartsWith("abc", "abc"));
   EXPECT_FALSE(kyrStartsWith("ab", "abc"));
   EXPECT_FALSE(kyrStartsWith(nullptr, "a"));
   EXPECT_FALSE(kyrStartsWith("a", nullptr));
   EXPECT_TRUE(kyrEndsWith("index.jsp", ".jsp"));
   EXPECT_FALSE(kyrEndsWith("jsp", ".jsp"));
-  EXPECT_FALSE(kyrEndsWith("index.jsp", ".js"));
   EXPECT_FALSE(kyrEndsWith(nullptr, "a"));
 }
 
 TEST(Util, SubstringBoundsAndEmptyRange) {
-  EXPECT_EQ(take(kyrSubstring("hello", 1, 3)), "el");
   EXPECT_EQ(take(kyrSubstring("hello", 2, 5)), "llo");
   EXPECT_EQ(take(kyrSubstring("hello", 2, 2)), "");
   EXPECT_EQ(kyrSubstring("hello", 3, 2), nullptr);
@@ -88,34 +72,23 @@ TEST(Util, SubstringBoundsAndEmptyRange) {
   EXPECT_EQ(kyrSubstring("", 0, 0), nullptr);
   EXPECT_EQ(take(kyrSubstrSuffix("hello", 3)), "lo");
   EXPECT_EQ(kyrSubstrSuffix("hello", 5), nullptr);
-  EXPECT_EQ(kyrSubstrSuffix("", 0), nullptr);
 }
 
-TEST(Util, SplitKeepsInnerEmptyPiecesAndDropsTrailingOne) {
+TEST(Util, SplitKeepsInnerEmptyPiecesDropsTrailingOneAndFreesEverything) {
+  int before = kyrGetMemCount();
   EXPECT_EQ(split("a,,b,", ","), (Pieces{"a", "", "b"}));
-  EXPECT_EQ(split(",a", ","), (Pieces{"", "a"}));
   EXPECT_EQ(split("/cell/c1", "/"), (Pieces{"", "cell", "c1"}));
   EXPECT_EQ(split("", ","), Pieces{});
-  EXPECT_EQ(split("abc", ","), Pieces{"abc"});
-}
-
-TEST(Util, SplitUsesTheDelimiterAsAWholeString) {
-  EXPECT_EQ(split("a::b:c", "::"), (Pieces{"a", "b:c"}));
+  EXPECT_EQ(split("a::b:c", "::"), (Pieces{"a", "b:c"}));  // the delimiter is a whole string
   EXPECT_EQ(kyrStrSplit(nullptr, ","), nullptr);
   EXPECT_EQ(kyrStrSplit("a", nullptr), nullptr);
-}
-
-TEST(Util, SplitAndFreeLeaveTheCounterBalanced) {
-  int before = kyrGetMemCount();
-  kyrFreeStrSplitArray(kyrStrSplit("/cell/c1/node/n1", "/"));
-  kyrFreeStrSplitArray(kyrStrSplit("", "/"));
   EXPECT_EQ(kyrGetMemCount(), before);
 }
 
 TEST(Util, StrtokSkipsSeparatorRunsAndContinuesFromLast) {
   char text[] = ",, a,b ,,c,, ";
   char* last = nullptr;
-  std::vector<std::string> tokens;
+  Pieces tokens;
   for (char* t = kyrStrtok(text, ", ", &last); t != nullptr; t = kyrStrtok(nullptr, ", ", &last)) {
     tokens.emplace_back(t);
   }
@@ -135,22 +108,15 @@ TEST(Util, ReplaceStrReleasesWithThePlainReleaseSoTheCounterStaysRaised) {
   EXPECT_EQ(value, nullptr);
 }
 
-TEST(Util, PathToNameIsAPlainCopyOfTheLastSegment) {
-  char* name = kyrPathToName("/opt/kyr/kyr-trace.xml");
+TEST(Util, PathSuffixAndPrefixSplitAtTheLastDelimiter) {
+  char* name = kyrPathToName("/opt/kyr/kyr-trace.xml");  // a plain copy
   EXPECT_STREQ(name, "kyr-trace.xml");
   free(name);
-  name = kyrPathToName("plain");
-  EXPECT_STREQ(name, "plain");
-  free(name);
   EXPECT_EQ(kyrPathToName(nullptr), nullptr);
-}
-
-TEST(Util, SuffixAndPrefixSplitAtTheLastDelimiter) {
   const char* str = "a.b.c";
   EXPECT_EQ(kyrStrSuffix(str, "."), str + 4);
   EXPECT_EQ(kyrStrSuffix(str, "::"), str);
   EXPECT_EQ(kyrStrSuffix(nullptr, "."), nullptr);
-  EXPECT_EQ(take(kyrStrPrefix(str, ".")), "a.b");
   EXPECT_EQ(take(kyrStrPrefix("a::b::c", "::")), "a::b");
   EXPECT_EQ(kyrStrPrefix(".abc", "."), nullptr);
   EXPECT_EQ(kyrStrPrefix("abc", "."), nullptr);
@@ -161,7 +127,6 @@ TEST(Util, NameHelpersSplitParentTypeAndValue) {
   EXPECT_EQ(take(kyrNameGetType("/cell/c1/node/n1")), "node");
   EXPECT_EQ(take(kyrNameGetValue("/cell/c1/node/n1", true)), "n1");
   EXPECT_EQ(take(kyrGetParentName("/cell/c1")), "");
-  EXPECT_EQ(take(kyrNameGetType("/cell/c1")), "cell");
   EXPECT_EQ(kyrGetParentName("/cell"), nullptr);
   EXPECT_EQ(kyrNameGetType("/cell"), nullptr);
   EXPECT_EQ(kyrNameGetValue("/cell", false), nullptr);
@@ -182,11 +147,6 @@ TEST(Util, UriValuesKeepTheirSlashes) {
   EXPECT_EQ(take(kyrNameGetType(name)), "uri");
   EXPECT_EQ(take(kyrNameGetValue(name, true)), "shop/*.jsp");
   EXPECT_EQ(take(kyrHackGetParentName("/cell/c1/node/n1")), "/cell/c1");
-}
-
-TEST(Util, ToStringPrintsDecimal) {
-  EXPECT_EQ(take(kyrToString(42)), "42");
-  EXPECT_EQ(take(kyrToString(INT_MIN)), "-2147483648");
 }
 
 }  // namespace

@@ -10,6 +10,8 @@
 #include <cctype>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -17,80 +19,60 @@
 
 namespace {
 
-// How the library writes to a record.
+// Records the library writes with a format the caller supplies (off by default), blank-separated.
+const char* const kDebugRecords =
+    "control.process control.json.received control.json.updated control.json.sent control.ipc "
+    "control.mapper control.selector control.health control.rules.parsing.process "
+    "control.rules.insertAndRemove control.rules.list control.rules.process "
+    "http.request.map.url http.request.select.process http.request.select.editionRollout "
+    "http.request.select.affinity.process http.request.select.affinity.keep "
+    "http.request.select.balance http.stateChange http.request.rules.process "
+    "http.request.process http.response.process http.response.health";
+
+std::vector<std::string> debugRecords() {
+  std::istringstream words(kDebugRecords);
+  return {std::istream_iterator<std::string>(words), std::istream_iterator<std::string>()};
+}
+
 enum class Use {
-  Debug,  // debug lines with a format the caller supplies; off by default
-  Log,    // trContextLog with the record's own format and the arguments below
+  Log,    // trContextLog with the record's own format
   Error,  // an error the operator must see without asking for it
 };
 
-struct RecordUse {
+struct LoggedRecord {
   const char* path;
   Use use;
-  // For records logged through their own format: the conversion characters of the arguments the
-  // code passes, in order ("ssd": two strings, then an int). Ignored for records without a format.
+  // The conversion characters of the arguments the code passes, in order ("sd": a string, then
+  // an int). Error records written with their own per-call wording have no text and pass "".
   const char* arguments;
 };
 
-// Every trace record name the library's code looks up, with the way it writes to it.
-const std::vector<RecordUse>& recordsTheLibraryUses() {
-  static const std::vector<RecordUse> uses = {
-      // Library handle.
-      {"control.process", Use::Debug, ""},
-      {"control.stateChange", Use::Log, "sss"},  // old state, new state, reason
-      {"control.json.received", Use::Debug, ""},
-      {"control.json.updated", Use::Debug, ""},
-      {"control.error.invalidJSON", Use::Error, "sss"},  // source, message, document text
-      {"control.error.invalidAction", Use::Error, ""},
-      {"control.error.invalidKey", Use::Error, ""},
-      {"control.ipc", Use::Debug, ""},
-      {"control.trace.requestTraceSpecAdded", Use::Log, "dss"},  // order, condition, trace specification
-      {"control.trace.requestTraceSpecRemoved", Use::Log, ""},
-      {"control.trace.defaultReqTraceSpecSet", Use::Log, ""},
-      {"control.trace.defaultReqTraceSpecReset", Use::Log, ""},
-      {"control.trace.defaultTraceSpecSet", Use::Log, "s"},  // the trace specification text
-      {"control.trace.defaultTraceSpecReset", Use::Log, ""},
-      // Request mapping.
-      {"control.mapper", Use::Debug, ""},
-      {"http.request.map.url", Use::Debug, ""},
-      // Target model and selection.
-      {"http.request.select.process", Use::Debug, ""},
-      {"http.request.select.editionRollout", Use::Debug, ""},
-      {"http.request.select.affinity.process", Use::Debug, ""},
-      {"http.request.select.affinity.keep", Use::Debug, ""},
-      {"http.request.select.affinity.break", Use::Log, "s"},  // why affinity could not be kept
-      {"http.request.select.balance", Use::Debug, ""},
-      {"http.response.error.503", Use::Error, ""},
-      {"control.selector", Use::Debug, ""},
-      {"control.serverStateChange", Use::Log, "sss"},  // new state, old state, server name
-      // Request context and response processing.
-      {"http.stateChange", Use::Debug, ""},
-      {"http.request.rules.traceRuleMatch", Use::Log, "dsssds"},  // order, type, condition,
-                                                                  // host, port, path
-      {"http.request.rules.process", Use::Debug, ""},
-      {"http.response.process", Use::Debug, ""},
-      {"http.request.process", Use::Debug, ""},
-      {"http.request.connectFailure", Use::Log, "ss"},  // server name, host's message
-      // Rules.
-      {"control.rules.parsing.error", Use::Error, "sds"},  // expression, position, message
-      {"control.rules.parsing.process", Use::Debug, ""},
-      {"control.rules.insertAndRemove", Use::Debug, ""},
-      {"control.rules.list", Use::Debug, ""},
-      {"control.rules.process", Use::Debug, ""},
-      // Connector groups.
-      {"control.error.noConnectorError", Use::Error, ""},
-      {"control.json.sent", Use::Debug, ""},
-      {"control.connectorStateChange", Use::Log, "ssss"},  // group, old state, new state, reason
-      // Multi-process operation: three set-up failures with their own wording each.
-      {"control.badportpath", Use::Error, ""},
-      // Health monitoring: policy, server, node, node's parent, threshold, measured value.
-      {"control.health", Use::Debug, ""},
-      {"http.response.health", Use::Debug, ""},
-      {"control.responseHealthPolicyTriggered", Use::Log, "ssssdu"},
-      {"control.timeoutHealthPolicyTriggered", Use::Log, "ssssdd"},
-  };
-  return uses;
-}
+const LoggedRecord kLoggedRecords[] = {
+    {"control.stateChange", Use::Log, "sss"},          // old state, new state, reason
+    {"control.error.invalidJSON", Use::Error, "sss"},  // source, message, document text
+    {"control.error.invalidAction", Use::Error, ""},
+    {"control.error.invalidKey", Use::Error, ""},
+    {"control.error.noConnectorError", Use::Error, ""},
+    {"control.badportpath", Use::Error, ""},
+    // Order, condition, trace specification.
+    {"control.trace.requestTraceSpecAdded", Use::Log, "dss"},
+    {"control.trace.requestTraceSpecRemoved", Use::Log, ""},
+    {"control.trace.defaultReqTraceSpecSet", Use::Log, ""},
+    {"control.trace.defaultReqTraceSpecReset", Use::Log, ""},
+    {"control.trace.defaultTraceSpecSet", Use::Log, "s"},  // the trace specification text
+    {"control.trace.defaultTraceSpecReset", Use::Log, ""},
+    {"http.request.select.affinity.break", Use::Log, "s"},  // why affinity could not be kept
+    {"http.response.error.503", Use::Error, ""},
+    {"control.serverStateChange", Use::Log, "sss"},             // new state, old state, server name
+    {"http.request.rules.traceRuleMatch", Use::Log, "dsssds"},  // order, type, condition,
+                                                                // host, port, path
+    {"http.request.connectFailure", Use::Log, "ss"},            // server name, host's message
+    {"control.rules.parsing.error", Use::Error, "sds"},         // expression, position, message
+    {"control.connectorStateChange", Use::Log, "ssss"},  // group, old state, new state, reason
+    // Policy, server, node, node's parent, threshold, measured value.
+    {"control.responseHealthPolicyTriggered", Use::Log, "ssssdu"},
+    {"control.timeoutHealthPolicyTriggered", Use::Log, "ssssdd"},
+};
 
 // The conversion characters of a printf format, in order; "%%" is a literal percent sign.
 std::string conversionsOf(const char* format) {
@@ -119,121 +101,58 @@ class KyrTraceCatalogue : public ::testing::Test {
     ASSERT_NE(fp, nullptr) << "cannot open " << KYR_TRACE_CATALOGUE;
     mgr_ = trMgrCreate(fp, 1);
     ASSERT_NE(mgr_, nullptr);
+    ctx_ = trMgrGetDefaultContext(mgr_);  // starts with ":NOTICE"
   }
-
   void TearDown() override {
     if (mgr_ != nullptr) trMgrDelete(mgr_);
   }
 
   TrMgr* mgr_ = nullptr;
+  TrContext* ctx_ = nullptr;
 };
 
-TEST(KyrTraceCatalogueFormat, ConversionsAreReadInOrderAndPercentSignsAreNotArguments) {
-  EXPECT_EQ(conversionsOf("plain text"), "");
-  EXPECT_EQ(conversionsOf("%s went from %s to %s"), "sss");
-  EXPECT_EQ(conversionsOf("100%% of %d, %-10s, %5.2f, %lu, %lld, %p"), "dsfudp");
-  EXPECT_EQ(conversionsOf("ends in %"), "?");
-}
-
-TEST_F(KyrTraceCatalogue, EveryRecordTheLibraryUsesIsDeclared) {
-  for (const RecordUse& use : recordsTheLibraryUses()) {
-    TrRecord* rec = trMgrGetRecord(mgr_, use.path);
-    ASSERT_NE(rec, nullptr) << use.path << " is not declared in the catalogue";
-    EXPECT_STREQ(trRecordGetPath(rec), use.path);
+TEST_F(KyrTraceCatalogue, DebugRecordsAreDeclaredAndHiddenByDefault) {
+  for (const std::string& path : debugRecords()) {
+    SCOPED_TRACE(path);
+    TrRecord* rec = trMgrGetRecord(mgr_, path.c_str());
+    ASSERT_NE(rec, nullptr) << "not declared in the catalogue";
+    EXPECT_EQ(trRecordGetPath(rec), path);
+    EXPECT_GT(trRecordGetDefaultLevel(rec), TR_LEVEL_NOTICE);
+    EXPECT_LE(trRecordGetDefaultLevel(rec), TR_LEVEL_DEBUG);
+    EXPECT_FALSE(trContextLogEnabled(ctx_, rec));
   }
 }
 
-TEST_F(KyrTraceCatalogue, RecordsLoggedWithArgumentsHaveAMatchingMessageText) {
-  for (const RecordUse& use : recordsTheLibraryUses()) {
-    if (use.use == Use::Debug) continue;
+TEST_F(KyrTraceCatalogue, LoggedRecordsHaveASingleLineTextTakingTheArgumentsTheCodePasses) {
+  for (const LoggedRecord& use : kLoggedRecords) {
+    SCOPED_TRACE(use.path);
     TrRecord* rec = trMgrGetRecord(mgr_, use.path);
-    ASSERT_NE(rec, nullptr) << use.path;
+    ASSERT_NE(rec, nullptr) << "not declared in the catalogue";
+    EXPECT_STREQ(trRecordGetPath(rec), use.path);
+    const int level = trRecordGetDefaultLevel(rec);
+    EXPECT_GE(level, TR_LEVEL_EMERG);
+    EXPECT_LE(level, use.use == Use::Error ? TR_LEVEL_ERROR : TR_LEVEL_DEBUG);
+    EXPECT_TRUE(use.use != Use::Error || trContextLogEnabled(ctx_, rec)) << "hidden by default";
     const char* format = trRecordGetFormat(rec);
     if (format == nullptr) {
-      // Only error records written with their own per-call wording may go without a text.
-      EXPECT_EQ(use.use, Use::Error) << use.path << " is logged through its own format but has none";
-      EXPECT_STREQ(use.arguments, "") << use.path;
+      EXPECT_EQ(use.use, Use::Error) << "logged through its own format but has none";
+      EXPECT_STREQ(use.arguments, "");
       continue;
     }
-    EXPECT_NE(format[0], '\0') << use.path << " has an empty message text";
-    const std::string conversions = conversionsOf(format);
-    EXPECT_EQ(conversions.size(), std::strlen(use.arguments))
-        << use.path << ": text '" << format << "' does not take the arguments the code passes";
-    EXPECT_EQ(conversions, use.arguments) << use.path << ": text '" << format << "'";
-  }
-}
-
-TEST_F(KyrTraceCatalogue, MessageTextsAreSingleLinesWithoutEscapes) {
-  // The catalogue reader keeps no line breaks and processes no escapes, so a backslash in a text
-  // would reach the output verbatim.
-  for (const RecordUse& use : recordsTheLibraryUses()) {
-    TrRecord* rec = trMgrGetRecord(mgr_, use.path);
-    ASSERT_NE(rec, nullptr) << use.path;
-    const char* format = trRecordGetFormat(rec);
-    if (format == nullptr) continue;
-    EXPECT_EQ(std::strchr(format, '\\'), nullptr) << use.path << ": '" << format << "'";
-    EXPECT_EQ(std::strchr(format, '\n'), nullptr) << use.path << ": '" << format << "'";
-    EXPECT_FALSE(std::isspace(static_cast<unsigned char>(format[std::strlen(format) - 1])))
-        << use.path << ": '" << format << "' ends in white space";
-  }
-}
-
-TEST_F(KyrTraceCatalogue, MessageTextsReadBackAsWritten) {
-  // Blanks, apostrophes, commas, colons and parentheses must survive the reader; these texts use
-  // all of them.
-  TrRecord* stateChange = trMgrGetRecord(mgr_, "control.stateChange");
-  ASSERT_NE(stateChange, nullptr);
-  EXPECT_STREQ(trRecordGetFormat(stateChange), "Library state changed from %s to %s, reason: %s");
-  TrRecord* added = trMgrGetRecord(mgr_, "control.trace.requestTraceSpecAdded");
-  ASSERT_NE(added, nullptr);
-  EXPECT_STREQ(trRecordGetFormat(added),
-               "Request trace rule %d added: condition '%s', trace specification '%s'");
-  TrRecord* server = trMgrGetRecord(mgr_, "control.serverStateChange");
-  ASSERT_NE(server, nullptr);
-  EXPECT_STREQ(trRecordGetFormat(server), "New state %s (previously %s) for application server %s");
-}
-
-TEST_F(KyrTraceCatalogue, DefaultLevelsAreSane) {
-  for (const RecordUse& use : recordsTheLibraryUses()) {
-    TrRecord* rec = trMgrGetRecord(mgr_, use.path);
-    ASSERT_NE(rec, nullptr) << use.path;
-    const int level = trRecordGetDefaultLevel(rec);
-    EXPECT_GE(level, TR_LEVEL_EMERG) << use.path;
-    EXPECT_LE(level, TR_LEVEL_DEBUG) << use.path;
-    switch (use.use) {
-      case Use::Error:
-        EXPECT_LE(level, TR_LEVEL_ERROR) << use.path << " is an error but its level is "
-                                         << trLevelIndexToName(level);
-        break;
-      case Use::Debug:
-        EXPECT_GT(level, TR_LEVEL_NOTICE) << use.path << " is debug output but is written by default";
-        break;
-      case Use::Log:
-        break;
-    }
-  }
-}
-
-TEST_F(KyrTraceCatalogue, TheDefaultTraceSpecificationWritesErrorsAndHidesDebugOutput) {
-  // The manager starts with ":NOTICE" on its default context.
-  TrContext* ctx = trMgrGetDefaultContext(mgr_);
-  ASSERT_NE(ctx, nullptr);
-  for (const RecordUse& use : recordsTheLibraryUses()) {
-    TrRecord* rec = trMgrGetRecord(mgr_, use.path);
-    ASSERT_NE(rec, nullptr) << use.path;
-    if (use.use == Use::Error) {
-      EXPECT_TRUE(trContextLogEnabled(ctx, rec)) << use.path;
-    } else if (use.use == Use::Debug) {
-      EXPECT_FALSE(trContextLogEnabled(ctx, rec)) << use.path;
-    }
+    ASSERT_NE(format[0], '\0');
+    EXPECT_EQ(conversionsOf(format), use.arguments) << "text '" << format << "'";
+    // The catalogue reader keeps no line breaks and processes no escapes, so a backslash would
+    // reach the output verbatim.
+    EXPECT_EQ(std::strpbrk(format, "\\\n"), nullptr) << "text '" << format << "'";
+    EXPECT_FALSE(std::isspace(static_cast<unsigned char>(format[std::strlen(format) - 1])));
   }
 }
 
 TEST_F(KyrTraceCatalogue, EveryPrefixOfARecordPathIsAGroupAnOperatorCanTrace) {
-  // Operators enable whole areas by group path ("control.json:DEBUG"), so each dotted prefix of
-  // a record path must be a group, and a specification naming it must be accepted.
-  for (const RecordUse& use : recordsTheLibraryUses()) {
-    const std::string path = use.path;
+  // Operators enable whole areas by group path ("control.json:DEBUG").
+  std::vector<std::string> paths = debugRecords();
+  for (const LoggedRecord& use : kLoggedRecords) paths.emplace_back(use.path);
+  for (const std::string& path : paths) {
     for (std::size_t dot = path.find('.'); dot != std::string::npos;
          dot = path.find('.', dot + 1)) {
       const std::string prefix = path.substr(0, dot);
@@ -244,21 +163,6 @@ TEST_F(KyrTraceCatalogue, EveryPrefixOfARecordPathIsAGroupAnOperatorCanTrace) {
   TrSpec* spec = trSpecCreate(mgr_, ":NOTICE,control.json:DEBUG,http.request.select:INFO");
   ASSERT_NE(spec, nullptr);
   trSpecRefRelease(spec);
-}
-
-TEST_F(KyrTraceCatalogue, AGroupSpecificationReachesTheRecordsBelowIt) {
-  TrRecord* received = trMgrGetRecord(mgr_, "control.json.received");
-  TrRecord* mapper = trMgrGetRecord(mgr_, "control.mapper");
-  ASSERT_NE(received, nullptr);
-  ASSERT_NE(mapper, nullptr);
-  TrContext* ctx = trContextCreate(mgr_);
-  ASSERT_NE(ctx, nullptr);
-  TrSpec* spec = trSpecCreate(mgr_, ":NOTICE,control.json:DEBUG");
-  ASSERT_NE(spec, nullptr);
-  trContextSetSpec(ctx, spec);
-  EXPECT_TRUE(trContextLogEnabled(ctx, received));
-  EXPECT_FALSE(trContextLogEnabled(ctx, mapper));
-  trContextDelete(ctx);
 }
 
 }  // namespace

@@ -1,11 +1,15 @@
-// Trace specifications: parsing of "name:LEVEL,..." texts into per-record levels, and the death
-// row that keeps a dropped specification readable for its grace time.
+// Trace specifications: how "name:LEVEL,..." texts turn into per-record levels and which texts
+// are refused, and the death row that keeps a dropped trace specification readable for its grace
+// time.
 #include "trace/trSpec.h"
 
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "runtime/kyrLibUtil.h"
 #include "tr.h"
@@ -15,109 +19,59 @@ namespace {
 
 using kyrtest::TestManager;
 
-class TrSpecParse : public testing::Test {
- protected:
-  TrSpecParse() : mgr_(kyrtest::kCatalogue) {}
-  ~TrSpecParse() override { trSpecRefRelease(spec_); }
-
-  // Makes the trace specification under test (released at the end of the test).
-  TrSpec* make(const char* text) {
-    trSpecRefRelease(spec_);
-    spec_ = trSpecCreate(mgr_.get(), text);
-    return spec_;
-  }
-  int level(const char* recordPath) {
-    return kyr::trSpecGetMaxLevel(spec_, trRecordGet(mgr_.get(), recordPath));
-  }
-  // The parse output of a text that is expected to fail.
-  std::string failureOutput(const char* text) {
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(nullptr, make(text));
-    return testing::internal::GetCapturedStdout();
-  }
-
-  TestManager mgr_;
-  TrSpec* spec_ = nullptr;
+struct ParsedRow {
+  const char* text;
+  std::vector<std::pair<const char*, int>> levels;  // record path, level the text gives it
 };
 
-TEST_F(TrSpecParse, NullTextEnablesEveryRecordEvenAtDebug) {
-  ASSERT_NE(nullptr, make(nullptr));
-  EXPECT_EQ(255, level("control.json.received"));
-  EXPECT_EQ(255, level(".top"));
+TEST(TrSpecParse, TextsGiveTheseLevels) {
+  const ParsedRow rows[] = {
+      {nullptr, {{"control.json.received", 255}, {".top", 255}}},  // even above DEBUG
+      {":ERROR", {{"control.json.received", TR_LEVEL_ERROR}, {".top", TR_LEVEL_ERROR}}},
+      {":debug,http:Info,control:eRRoR",
+       {{"http.select", TR_LEVEL_INFO},
+        {"control.process", TR_LEVEL_ERROR},
+        {".top", TR_LEVEL_DEBUG}}},
+      {":DEBUG,http", {{"http.select", TR_LEVEL_WARNING}, {"control.process", TR_LEVEL_DEBUG}}},
+      {"", {{"control.json.received", TR_LEVEL_WARNING}, {".top", TR_LEVEL_WARNING}}},
+      // The empty item after a trailing comma sets everything back to WARNING.
+      {":DEBUG,http:ERROR,", {{"http.select", TR_LEVEL_WARNING}, {".top", TR_LEVEL_WARNING}}},
+      {"control:DEBUG,control.json.applied:ERROR",
+       {{"control.json.applied", TR_LEVEL_ERROR}, {"control.json.received", TR_LEVEL_DEBUG}}},
+      {"control.json.applied:ERROR,control:DEBUG", {{"control.json.applied", TR_LEVEL_DEBUG}}},
+      {":OFF,control:INFO",
+       {{"control.json.received", TR_LEVEL_INFO},
+        {"http.select", TR_LEVEL_OFF},
+        {".top", TR_LEVEL_OFF}}},
+      {":OFF,.top:CRITICAL", {{".top", TR_LEVEL_CRITICAL}, {"http.select", TR_LEVEL_OFF}}},
+  };
+  TestManager mgr(kyrtest::kCatalogue);
+  for (const ParsedRow& row : rows) {
+    SCOPED_TRACE(kyrtest::orEmpty(row.text));
+    TrSpec* spec = trSpecCreate(mgr.get(), row.text);
+    ASSERT_NE(nullptr, spec);
+    for (const auto& [path, level] : row.levels) {
+      EXPECT_EQ(level, kyr::trSpecGetMaxLevel(spec, trRecordGet(mgr.get(), path))) << path;
+    }
+    trSpecRefRelease(spec);
+  }
 }
 
-TEST_F(TrSpecParse, EmptyNameSetsEveryRecord) {
-  ASSERT_NE(nullptr, make(":ERROR"));
-  EXPECT_EQ(TR_LEVEL_ERROR, level("control.process"));
-  EXPECT_EQ(TR_LEVEL_ERROR, level("control.json.received"));
-  EXPECT_EQ(TR_LEVEL_ERROR, level("http.badHost"));
-  EXPECT_EQ(TR_LEVEL_ERROR, level(".top"));
-}
-
-TEST_F(TrSpecParse, LevelNamesAreAcceptedInAnyCase) {
-  ASSERT_NE(nullptr, make(":debug,http:Info,control:eRRoR"));
-  EXPECT_EQ(TR_LEVEL_INFO, level("http.select"));
-  EXPECT_EQ(TR_LEVEL_ERROR, level("control.process"));
-  EXPECT_EQ(TR_LEVEL_DEBUG, level(".top"));
-}
-
-TEST_F(TrSpecParse, UnknownLevelDiscardsTheWholeSpecificationWithAMessage) {
-  EXPECT_EQ("INVALID trace spec level name: 'VERBOSE'\n", failureOutput(":INFO,http:VERBOSE"));
-}
-
-TEST_F(TrSpecParse, UnknownNameDiscardsTheWholeSpecificationWithAMessage) {
-  EXPECT_EQ("INVALID trace spec group or record name: 'nosuch.group'\n",
-            failureOutput("http:INFO,nosuch.group:DEBUG"));
-}
-
-TEST_F(TrSpecParse, AsteriskIsLookedUpAsANameNotAWildcard) {
-  EXPECT_EQ("INVALID trace spec group or record name: '*'\n", failureOutput("*:DEBUG"));
-}
-
-TEST_F(TrSpecParse, WhiteSpaceIsPartOfNamesAndLevels) {
-  EXPECT_EQ("INVALID trace spec level name: ' DEBUG'\n", failureOutput("http: DEBUG"));
-  EXPECT_EQ("INVALID trace spec group or record name: ' http'\n", failureOutput(":INFO, http"));
-}
-
-TEST_F(TrSpecParse, ItemWithoutLevelMeansWarning) {
-  ASSERT_NE(nullptr, make(":DEBUG,http"));
-  EXPECT_EQ(TR_LEVEL_WARNING, level("http.select"));
-  EXPECT_EQ(TR_LEVEL_DEBUG, level("control.process"));
-}
-
-TEST_F(TrSpecParse, EmptyTextSetsEverythingToWarning) {
-  ASSERT_NE(nullptr, make(""));
-  EXPECT_EQ(TR_LEVEL_WARNING, level("control.json.received"));
-  EXPECT_EQ(TR_LEVEL_WARNING, level(".top"));
-}
-
-TEST_F(TrSpecParse, TrailingCommaEndsBySettingEverythingToWarning) {
-  ASSERT_NE(nullptr, make(":DEBUG,http:ERROR,"));
-  EXPECT_EQ(TR_LEVEL_WARNING, level("http.select"));
-  EXPECT_EQ(TR_LEVEL_WARNING, level("control.process"));
-}
-
-TEST_F(TrSpecParse, LaterItemsOverrideEarlierOnesForTheSameRecords) {
-  ASSERT_NE(nullptr, make("control:DEBUG,control.json.applied:ERROR"));
-  EXPECT_EQ(TR_LEVEL_ERROR, level("control.json.applied"));
-  EXPECT_EQ(TR_LEVEL_DEBUG, level("control.json.received"));
-
-  ASSERT_NE(nullptr, make("control.json.applied:ERROR,control:DEBUG"));
-  EXPECT_EQ(TR_LEVEL_DEBUG, level("control.json.applied"));
-}
-
-TEST_F(TrSpecParse, GroupReachesTheRecordsOfItsChildGroupsOnly) {
-  ASSERT_NE(nullptr, make(":OFF,control:INFO"));
-  EXPECT_EQ(TR_LEVEL_INFO, level("control.process"));
-  EXPECT_EQ(TR_LEVEL_INFO, level("control.json.received"));
-  EXPECT_EQ(TR_LEVEL_OFF, level("http.select"));
-  EXPECT_EQ(TR_LEVEL_OFF, level(".top"));
-}
-
-TEST_F(TrSpecParse, RecordItemSetsOnlyThatRecord) {
-  ASSERT_NE(nullptr, make(":OFF,.top:CRITICAL"));
-  EXPECT_EQ(TR_LEVEL_CRITICAL, level(".top"));
-  EXPECT_EQ(TR_LEVEL_OFF, level("http.select"));
+TEST(TrSpecParse, BadItemDiscardsTheWholeTextWithAMessage) {
+  const std::pair<const char*, const char*> rows[] = {
+      {":INFO,http:VERBOSE", "INVALID trace spec level name: 'VERBOSE'\n"},
+      {"http:INFO,nosuch.group:DEBUG", "INVALID trace spec group or record name: 'nosuch.group'\n"},
+      {"*:DEBUG", "INVALID trace spec group or record name: '*'\n"},  // no wildcards
+      {"http: DEBUG", "INVALID trace spec level name: ' DEBUG'\n"},   // blanks are kept
+      {":INFO, http", "INVALID trace spec group or record name: ' http'\n"},
+  };
+  TestManager mgr(kyrtest::kCatalogue);
+  for (const auto& [text, message] : rows) {
+    SCOPED_TRACE(text);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(nullptr, trSpecCreate(mgr.get(), text));
+    EXPECT_EQ(message, testing::internal::GetCapturedStdout());
+  }
 }
 
 TEST(TrSpecLookup, GroupPathWinsOverARecordOfTheSamePath) {
@@ -132,22 +86,12 @@ TEST(TrSpecLookup, GroupPathWinsOverARecordOfTheSamePath) {
   trSpecRefRelease(spec);
 }
 
-TEST(TrSpecLookup, SpecificationHasNoLevelForRecordsCreatedAfterIt) {
+TEST(TrSpecLookup, TraceSpecificationHasNoLevelForRecordsCreatedAfterIt) {
   TestManager mgr("<group name=g><record name=early level=INFO/></group>");
   TrSpec* spec = trSpecCreate(mgr.get(), nullptr);
-  TrGroup* group = trMgrGetGroup(mgr.get(), "g");
-  TrRecord* late = kyr::trRecordCreate(group, "late", TR_LEVEL_ERROR, -1);
+  TrRecord* late = kyr::trRecordCreate(trMgrGetGroup(mgr.get(), "g"), "late", TR_LEVEL_ERROR, -1);
   EXPECT_EQ(255, kyr::trSpecGetMaxLevel(spec, trRecordGet(mgr.get(), "g.early")));
   EXPECT_EQ(0, kyr::trSpecGetMaxLevel(spec, late));
-  trSpecRefRelease(spec);
-}
-
-TEST(TrSpecLookup, RecordMadeFromAMessageIsNamedByItsId) {
-  TestManager mgr("<group name=g/>");
-  TrRecord* rec = kyr::trRecordCreateFromMessage(mgr.get(), "m", TR_LEVEL_ERROR, "KYR0042");
-  TrSpec* spec = trSpecCreate(mgr.get(), "KYR0042:CRITICAL");
-  ASSERT_NE(nullptr, spec);
-  EXPECT_EQ(TR_LEVEL_CRITICAL, kyr::trSpecGetMaxLevel(spec, rec));
   trSpecRefRelease(spec);
 }
 
@@ -168,37 +112,24 @@ class TrSpecDeathRow : public testing::Test {
   TestManager mgr_;
 };
 
-TEST_F(TrSpecDeathRow, ReleasedSpecificationWaitsOnTheRowUntilPurged) {
+TEST_F(TrSpecDeathRow, ReleasedTraceSpecificationWaitsOnTheRowUntilPurgedOrKilled) {
   TrSpec* first = make(":INFO");
   TrSpec* second = make(":DEBUG");
+  TrSpec* killed = make(":ERROR");
   int allocated = kyr::kyrGetMemCount();
   trSpecRefRelease(first);
+  EXPECT_EQ(1, trSpecRefObtain(first));
+  trSpecRefRelease(first);   // released again after a re-obtain: still one entry
   trSpecRefRelease(second);  // its sweep stops at the first one, still within its grace
-  EXPECT_EQ(2, kyr::trSpecDeathRowCount());
+  trSpecRefRelease(killed);
+  EXPECT_EQ(3, kyr::trSpecDeathRowCount());
   EXPECT_EQ(allocated, kyr::kyrGetMemCount());
-  kyr::trPurgeDeathRow();
-  EXPECT_EQ(0, kyr::trSpecDeathRowCount());
-  EXPECT_EQ(allocated - 2, kyr::kyrGetMemCount());
-}
-
-TEST_F(TrSpecDeathRow, SpecificationReleasedAgainAfterReobtainIsQueuedOnce) {
-  TrSpec* spec = make(":INFO");
-  trSpecRefRelease(spec);
-  EXPECT_EQ(1, trSpecRefObtain(spec));
-  trSpecRefRelease(spec);
-  EXPECT_EQ(1, kyr::trSpecDeathRowCount());
-  int allocated = kyr::kyrGetMemCount();
-  kyr::trPurgeDeathRow();  // a second entry would free it twice
+  kyr::trKillSpec(killed);
+  EXPECT_EQ(2, kyr::trSpecDeathRowCount());
   EXPECT_EQ(allocated - 1, kyr::kyrGetMemCount());
-}
-
-TEST_F(TrSpecDeathRow, KillFreesAtOnceAndLeavesTheRow) {
-  TrSpec* spec = make(":INFO");
-  trSpecRefRelease(spec);
-  int allocated = kyr::kyrGetMemCount();
-  kyr::trKillSpec(spec);
+  kyr::trPurgeDeathRow();  // a second entry for the first one would free it twice
   EXPECT_EQ(0, kyr::trSpecDeathRowCount());
-  EXPECT_EQ(allocated - 1, kyr::kyrGetMemCount());
+  EXPECT_EQ(allocated - 3, kyr::kyrGetMemCount());
 }
 
 // The one test here that waits out the grace time.
@@ -211,8 +142,7 @@ TEST_F(TrSpecDeathRow, SweepFreesOnlyWhatWasDeadLongerThanTheGraceTime) {
   int allocated = kyr::kyrGetMemCount();
 
   std::this_thread::sleep_for(std::chrono::milliseconds(kyr::kTrSpecDeathRowTime + 100));
-  TrSpec* young = make(nullptr);
-  trSpecRefRelease(young);  // sweeps the row
+  trSpecRefRelease(make(nullptr));  // a young one, whose release sweeps the row
 
   // The re-obtained one left the row unfreed, the dead one was freed, the young one waits.
   EXPECT_EQ(1, kyr::trSpecDeathRowCount());
