@@ -54,8 +54,8 @@ class MappingTest : public ::testing::Test {
     EXPECT_EQ(quietMemCount(), memAtStart_) << "counted blocks left behind";
   }
 
-  // Mapping trace is DEBUG; the trace tests show what reaches the host. The new specification
-  // (and the old one waiting for release) stay with the handle until it goes.
+  // Mapping trace is DEBUG. The new trace specification (and the old one waiting for release)
+  // stay with the handle until it goes, so they are not counted as left behind.
   void traceMapping() {
     int before = quietMemCount();
     ASSERT_EQ(kyrSetDefaultTraceSpec(kyr_, ":NOTICE,control.mapper:DEBUG,http.request.map:DEBUG"),
@@ -68,7 +68,6 @@ class MappingTest : public ::testing::Test {
     return kyrtest::printedContains(needle);
   }
 
-  TestHost host_;
   Kyr* kyr_ = nullptr;
   kyr::KyrRoutingInfo ri_{};
   int memAtStart_ = 0;

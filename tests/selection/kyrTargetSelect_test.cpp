@@ -16,7 +16,6 @@
 namespace {
 
 using kyrtest::modulePath;
-using kyrtest::printed;
 using kyrtest::printedContains;
 using kyrtest::serverPath;
 
@@ -52,39 +51,34 @@ class TargetSelect : public kyrtest::RoutingFixture {
 
 // ---- Affinity --------------------------------------------------------------------------------
 
-TEST_F(TargetSelect, ASessionCookieKeepsTheRequestsOnItsServer) {
-  for (int i = 0; i < 5; ++i) {
-    EnvHttpContext& r = withCookie("/shop/cart", "0000abc:c2");
-    KyrHttpContext* ctx = route(r);
-    EXPECT_EQ(serverOf(ctx), "s2");
-    EXPECT_FALSE(ctx->performedLoadBalancing);
-    EXPECT_FALSE(affinityBroken(r));
-    complete(ctx);
-    release(ctx);
-  }
-}
-
-TEST_F(TargetSelect, TheJsessionidPathParameterCarriesAffinityInEitherCase) {
-  EXPECT_EQ(serverOf(route("/shop/x;jsessionid=0001abc:c3")), "s3");
-  EXPECT_EQ(serverOf(route("/shop/x;JSESSIONID=0001abc:c2")), "s2");
-  // A name with its separator and nothing after it names no session: load balanced.
-  KyrHttpContext* ctx = route("/shop/x;jsessionid=");
-  EXPECT_TRUE(ctx->performedLoadBalancing);
-}
-
-TEST_F(TargetSelect, LaterCloneIdsOfACookieAreTriedWhenEarlierOnesCannotServe) {
+TEST_F(TargetSelect, CookiesAndPathParametersCarryAffinityByCloneId) {
   set("server", serverPath("n1", "s1"), R"({"server.maintenancemode":"break"})");
-  EnvHttpContext& r = withCookie("/shop/a", "abc:c1:c2");
-  KyrHttpContext* ctx = route(r);
-  EXPECT_EQ(serverOf(ctx), "s2");
-  EXPECT_FALSE(ctx->performedLoadBalancing);
-  EXPECT_FALSE(affinityBroken(r));
-
-  // A session ID without clone IDs is no affinity at all, so nothing is broken.
-  EnvHttpContext& plain = withCookie("/shop/a", "abc");
-  EXPECT_TRUE(route(plain)->performedLoadBalancing);
-  EXPECT_FALSE(affinityBroken(plain));
-  EXPECT_FALSE(printedContains("Session affinity broken"));
+  struct {
+    const char* path;
+    const char* cookie;  // JSESSIONID, if any
+    const char* server;  // nullptr: load balanced
+    bool broken;
+  } rows[] = {
+      {"/shop/a", "0000abc:c2", "s2", false},
+      {"/shop/a", "abc:c1:c2", "s2", false},  // c1 cannot serve: the next clone ID can
+      {"/shop/x;jsessionid=0001abc:c3", nullptr, "s3", false},
+      {"/shop/x;JSESSIONID=0001abc:c2", nullptr, "s2", false},
+      {"/shop/x;jsessionid=", nullptr, nullptr, false},  // names no session
+      {"/shop/a", "abc", nullptr, false},  // a session without clone IDs is no affinity at all
+      {"/shop/a", "abc:zz", nullptr, true},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(std::string(row.path) + " " + (row.cookie ? row.cookie : ""));
+    EnvHttpContext& r =
+        row.cookie != nullptr ? withCookie(row.path, row.cookie) : request(row.path);
+    KyrHttpContext* ctx = route(r);
+    EXPECT_EQ(ctx->performedLoadBalancing, row.server == nullptr);
+    if (row.server != nullptr) {
+      EXPECT_EQ(serverOf(ctx), row.server);
+    }
+    EXPECT_EQ(affinityBroken(r), row.broken);
+  }
+  EXPECT_TRUE(printedContains("Session affinity broken: Server was not found for cloneId 'zz'"));
 }
 
 TEST_F(TargetSelect, BreakMaintenanceModeBreaksAffinityAndAffinityModeKeepsIt) {
@@ -92,7 +86,6 @@ TEST_F(TargetSelect, BreakMaintenanceModeBreaksAffinityAndAffinityModeKeepsIt) {
   EnvHttpContext& r = withCookie("/shop/a", "abc:c2");
   KyrHttpContext* ctx = route(r);
   EXPECT_NE(serverOf(ctx), "s2");
-  EXPECT_NE(serverOf(ctx), "");
   EXPECT_TRUE(ctx->performedLoadBalancing);
   EXPECT_TRUE(affinityBroken(r));
   EXPECT_TRUE(
@@ -113,10 +106,7 @@ TEST_F(TargetSelect, AServerAtItsConnectionLimitBreaksAffinity) {
   EXPECT_NE(serverOf(ctx), "s2");  // load balancing skips it too
   EXPECT_NE(serverOf(ctx), "");
   EXPECT_TRUE(affinityBroken(r));
-  EXPECT_TRUE(
-      printedContains("Session affinity broken: number of outstanding requests '1' "
-                      "exceeded maximum connections '1' for the server " +
-                      serverPath("n1", "s2")));
+  EXPECT_TRUE(printedContains("exceeded maximum connections '1' for the server"));
   complete(held);
   EXPECT_EQ(serverOf(route(withCookie("/shop/a", "abc:c2"))), "s2");
 }
@@ -128,31 +118,11 @@ TEST_F(TargetSelect, ConnectFailuresBackTheServerOffForAffinityToo) {
     KyrHttpContext* ctx = route(withCookie("/shop/a", "abc:c2"));
     ASSERT_EQ(serverOf(ctx), "s2");
     kyrHttpContextSetState(ctx, CONNECT_FAILURE, 0, "refused");
-    EXPECT_EQ(kyrHttpContextGetMyTargetEndPoint(ctx), nullptr);
-    // The same request goes on to another server.
-    ASSERT_NE(kyrHttpContextGetTargetEndpoint(ctx), nullptr);
-    EXPECT_NE(serverOf(ctx), "s2");
   }
   EnvHttpContext& r = withCookie("/shop/a", "abc:c2");
   EXPECT_NE(serverOf(route(r)), "s2");
   EXPECT_TRUE(affinityBroken(r));
   EXPECT_TRUE(printedContains("is not selectable because connect failure"));
-  EXPECT_TRUE(
-      printedContains("Failed to connect to server " + serverPath("n1", "s2") + ": refused"));
-}
-
-TEST_F(TargetSelect, UnknownCloneIdsFallBackToLoadBalancingAndSaySo) {
-  EnvHttpContext& r = withCookie("/shop/a", "abc:zz");
-  KyrHttpContext* ctx = route(r);
-  EXPECT_TRUE(ctx->performedLoadBalancing);
-  EXPECT_TRUE(affinityBroken(r));
-  EXPECT_TRUE(printedContains("Session affinity broken: Server was not found for cloneId 'zz'"));
-}
-
-TEST_F(TargetSelect, ServersWithoutWeightAreNeverBalancedToButKeepAffinity) {
-  set("server", serverPath("n1", "s2"), R"({"weight":0})");
-  for (int i = 0; i < 12; ++i) EXPECT_NE(serve(request("/shop/a")), "s2");
-  EXPECT_EQ(serverOf(route(withCookie("/shop/a", "abc:c2"))), "s2");
 }
 
 // ---- Load balancing --------------------------------------------------------------------------
@@ -178,24 +148,6 @@ TEST_F(TargetSelect, IdleServersTakeTurnsWhateverTheirWeights) {
   std::vector<std::string> order;
   for (int i = 0; i < 6; ++i) order.push_back(serve(duo()));
   EXPECT_EQ(order, (std::vector<std::string>{"d1", "d2", "d1", "d2", "d1", "d2"}));
-}
-
-TEST_F(TargetSelect, EqualRatiosGoToTheServerMetFirstFromTheRotationIndex) {
-  ASSERT_EQ(serve(duo()), "d1");  // idle: taken, and the rotation moves past it
-  kyr::VirtualCluster* vc = virtualCluster("duo");
-  ASSERT_EQ(vc->loadBalanceIndex, 1);
-  for (int i = 0; i < 4; ++i) route(duo("x:d1"));
-  for (int i = 0; i < 2; ++i) route(duo("x:d2"));
-  // 4 requests per 2 weight against 2 per 1: the same ratio.
-  KyrHttpContext* fromOne = route(duo());
-  EXPECT_EQ(serverOf(fromOne), "d2");
-  EXPECT_EQ(vc->loadBalanceIndex, 1);  // a full pass leaves it where it began
-  complete(fromOne);
-  release(fromOne);
-
-  vc->loadBalanceIndex = 0;
-  EXPECT_EQ(serverOf(route(duo())), "d1");
-  EXPECT_EQ(vc->loadBalanceIndex, 0);
 }
 
 TEST_F(TargetSelect, BusyServersLeaveTheRotationIndexAloneUntilOneIsIdle) {
@@ -240,14 +192,6 @@ TEST_F(TargetSelect, SslMapModesComeFromTheContextTheHandleOrTheModule) {
   EXPECT_EQ(protocolFor("https", 443, MapInboundToOutbound), "https");
 }
 
-TEST_F(TargetSelect, AServerWithOnlyHttpsEndpointsIsReachedOverHttps) {
-  KyrHttpContext* ctx = route("/vault/a");
-  KyrTargetEndpoint* tep = kyrHttpContextGetMyTargetEndPoint(ctx);
-  ASSERT_NE(tep, nullptr);
-  EXPECT_STREQ(kyrTargetEndpointGetProtocol(tep), "https");
-  EXPECT_EQ(kyrTargetEndpointGetPort(tep), 9443);
-}
-
 TEST_F(TargetSelect, TheMatchedVirtualHostChoosesTheEndpointWhenEnabled) {
   KyrTargetEndpoint* tep = kyrHttpContextGetMyTargetEndPoint(route(duo("x:d1")));
   ASSERT_NE(tep, nullptr);
@@ -278,7 +222,6 @@ TEST_F(TargetSelect, RequestsNothingCanServeAreRejectedWithStatusAndReason) {
   EXPECT_TRUE(
       printedContains("503 error: no servers are running web module '" + modulePath("empty")));
   EXPECT_TRUE(printedContains("503 response for module '" + modulePath("empty") + "':"));
-  expectReject(route("/nowhere"), 404, "no mapping found");
 
   EnvHttpContext& ftp = request("/shop/a");
   ftp.protocol = "ftp";
@@ -291,13 +234,14 @@ TEST_F(TargetSelect, RequestsNothingCanServeAreRejectedWithStatusAndReason) {
   expectReject(ctx, 404, "web module not found by selector");
 }
 
+// s4 is the only server of /vault, and reached over https as it has no http endpoint.
 TEST_F(TargetSelect, AfterAResponseTimeoutNoOtherServerMeans504) {
   KyrHttpContext* ctx = route("/vault/a");
   ASSERT_EQ(serverOf(ctx), "s4");
+  EXPECT_EQ(kyrTargetEndpointGetPort(kyrHttpContextGetMyTargetEndPoint(ctx)), 9443);
   kyrHttpContextSetState(ctx, CONNECT_SUCCESS, 0, nullptr);
   kyrHttpContextSetState(ctx, REQUEST_SENT, 0, nullptr);
   kyrHttpContextSetState(ctx, RESPONSE_TIMEOUT, 0, nullptr);
-  EXPECT_EQ(kyrHttpContextGetNumOfResponseTimeouts(ctx), 1);
   EXPECT_EQ(kyrHttpContextGetTargetEndpoint(ctx), nullptr);
   EXPECT_EQ(kyrHttpContextGetErrorCode(ctx), 504);
   EXPECT_STREQ(kyrHttpContextGetErrorMsg(ctx), "response timed out");
@@ -306,21 +250,6 @@ TEST_F(TargetSelect, AfterAResponseTimeoutNoOtherServerMeans504) {
 
 // ---- Affinity policies -----------------------------------------------------------------------
 
-TEST_F(TargetSelect, AModulesPolicyTakesTheClustersCookiesSeparatorAndLearning) {
-  kyr::HttpAffinityPolicy* shop = kyr::kyrHttpContextGetAffinityPolicy(route("/shop/a"));
-  ASSERT_NE(shop, nullptr);
-  EXPECT_EQ(cookieNames(shop), std::vector<std::string>{"JSESSIONID"});
-  EXPECT_STREQ(kyr::hapGetDelimiter(shop), ":");
-  EXPECT_FALSE(kyr::hapGetLearnServerIDs(shop));
-  kyr::HttpAffinityPolicy* portal = kyr::kyrHttpContextGetAffinityPolicy(route("/portal/a"));
-  ASSERT_NE(portal, nullptr);
-  EXPECT_TRUE(kyr::hapGetLearnServerIDs(portal));
-  // Without cookie names anywhere the cluster gets the two standard ones.
-  kyr::HttpAffinityPolicy* vault = kyr::kyrHttpContextGetAffinityPolicy(route("/vault/a"));
-  ASSERT_NE(vault, nullptr);
-  EXPECT_EQ(cookieNames(vault), (std::vector<std::string>{"ZQJSESSIONID", "JSESSIONID"}));
-}
-
 TEST_F(TargetSelect, AMemberAskingForTheNewSeparatorMakesItPlus) {
   set("server", serverPath("n2", "s3"), R"({"cloneSeparatorChange":true})");
   KyrHttpContext* ctx = route(withCookie("/shop/a", "abc+c2"));
@@ -328,15 +257,20 @@ TEST_F(TargetSelect, AMemberAskingForTheNewSeparatorMakesItPlus) {
   EXPECT_EQ(serverOf(ctx), "s2");
 }
 
-TEST_F(TargetSelect, TheDefaultPolicyRunsTheCookieNameOntoTheLastStandardName) {
+// A module's policy takes its cluster's cookie names, or the two standard ones when the cluster
+// names none. Without a cluster the default policy runs the configured cookie name onto the last
+// standard name, as it always has.
+TEST_F(TargetSelect, PoliciesTakeTheClustersCookieNamesOrStandardOnes) {
+  EXPECT_EQ(cookieNames(kyr::kyrHttpContextGetAffinityPolicy(route("/shop/a"))),
+            std::vector<std::string>{"JSESSIONID"});
+  EXPECT_EQ(cookieNames(kyr::kyrHttpContextGetAffinityPolicy(route("/vault/a"))),
+            (std::vector<std::string>{"ZQJSESSIONID", "JSESSIONID"}));
   auto* ts = kyr::kyrRoutingInfoGetTargetSelector(kyr_->routingInfo);
   auto* wm = object<kyr::WebModule>(modulePath("orphan"));
   ASSERT_NE(wm, nullptr);
   kyr::HttpAffinityPolicy* hap = kyr::getAffinityPolicy(ts, wm, nullptr);
   EXPECT_EQ(cookieNames(hap),
             (std::vector<std::string>{"JSESSIONID", "SSLJSESSIONIDZQJSESSIONID"}));
-  EXPECT_STREQ(kyr::hapGetDelimiter(hap), ":");
-  EXPECT_FALSE(kyr::hapGetLearnServerIDs(hap));
 
   // The library's properties map keeps plain copies, which it frees with the handle.
   kyr::KyrProperties* props = kyr::kyrGetProperties(kyr_);

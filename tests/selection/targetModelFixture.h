@@ -15,8 +15,8 @@
 #include "core/kyr.h"
 #include "core/kyrRoutingInfo.h"
 #include "runtime/kyrLibUtil.h"
-#include "support/kyrTestHost.h"
 #include "selection/kyrTargetSelector.h"
+#include "support/kyrTestHost.h"
 #include "trace/traceTestUtil.h"
 
 namespace kyrtest {
@@ -38,26 +38,16 @@ inline HostEndpoints& hostEndpoints() {
 inline EnvTargetEndpoint* hostCreateEndpoint(KyrTargetEndpoint* tep) {
   HostEndpoints& h = hostEndpoints();
   if (h.refuse) return nullptr;
-  h.created++;
   const char* host = kyrTargetEndpointGetHostName(tep);
   h.createdFor.push_back(std::string(host != nullptr ? host : "") + ":" +
                          std::to_string(kyrTargetEndpointGetPort(tep)));
-  return reinterpret_cast<EnvTargetEndpoint*>(new int(h.created));
+  return reinterpret_cast<EnvTargetEndpoint*>(new int(++h.created));
 }
 
 inline int hostDeleteEndpoint(EnvTargetEndpoint* obj) {
   hostEndpoints().deleted++;
   delete reinterpret_cast<int*>(obj);
   return 0;
-}
-
-// The test host's table, with the host's endpoint objects counted.
-inline EnvCallBacks testCallBacks() {
-  EnvCallBacks env = completeCallbacks();
-  env.targetEndpoint.create = hostCreateEndpoint;
-  env.targetEndpoint.KYR_DELETE_MEMBER = hostDeleteEndpoint;
-  env.trace.printf = capturePrintf;
-  return env;
 }
 
 // The memory counter once other threads have stopped moving it: the worker thread of a handle
@@ -78,11 +68,13 @@ class TargetModel : public ::testing::Test {
   void SetUp() override {
     hostEndpoints() = HostEndpoints{};
     printed().clear();
-    EnvCallBacks env = testCallBacks();
+    EnvCallBacks env = completeCallbacks();
+    env.targetEndpoint.create = hostCreateEndpoint;
+    env.targetEndpoint.KYR_DELETE_MEMBER = hostDeleteEndpoint;
+    env.trace.printf = capturePrintf;
     kyr_ = kyrCreate(&env, nullptr, KYR_TRACE_CATALOGUE);
     ASSERT_NE(kyr_, nullptr);
-    cg_ = kyrConnectorGroupCreate(kyr_, "cg1");
-    c_ = kyrConnectorCreate(cg_, "http://publisher:9080");
+    c_ = kyrConnectorCreate(kyrConnectorGroupCreate(kyr_, "cg1"), "http://publisher:9080");
     ri_.kyr = kyr_;
     ts_ = kyr::tsCreate(&ri_);
   }
@@ -128,6 +120,7 @@ class TargetModel : public ::testing::Test {
     return tep;
   }
 
+  // The routes posted to the publisher so far (the connector's add or delete list).
   static std::vector<std::string> routes(json_t* array) {
     std::vector<std::string> out;
     size_t i;
@@ -135,15 +128,12 @@ class TargetModel : public ::testing::Test {
     json_array_foreach(array, i, v) out.emplace_back(json_string_value(v));
     return out;
   }
-  std::vector<std::string> addedRoutes() const { return routes(c_->addRoutes); }
-  std::vector<std::string> removedRoutes() const { return routes(c_->delRoutes); }
 
   static bool printedContains(const std::string& needle) {
     return kyrtest::printedContains(needle);
   }
 
   Kyr* kyr_ = nullptr;
-  KyrConnectorGroup* cg_ = nullptr;
   KyrConnector* c_ = nullptr;
   kyr::KyrRoutingInfo ri_{};
   kyr::TargetSelector* ts_ = nullptr;
