@@ -1,11 +1,9 @@
 // Language core: duplicate refusal, reduction by registration order, lists, operand arguments
-// in every form, every syntax error with its position, the bounds on fields and nesting,
-// selectable values, and evaluation-context properties.
+// in every form, every syntax error with its position, the bounds on fields and nesting, and
+// the memory that parsing, evaluation and context properties give back.
 #include <gtest/gtest.h>
 
 #include <string>
-#include <utility>
-#include <vector>
 
 #include "lang/langTestSupport.h"
 #include "runtime/kyrLibUtil.h"
@@ -25,15 +23,6 @@ TEST_F(LangTest, DuplicatesAreRefusedWithoutRegardToCaseAndTheFirstStays) {
   operandFree(operand);
   operatorFree(op);
   EXPECT_EQ(truth("true and true"), true);
-}
-
-TEST_F(LangTest, FieldSeparatorCanBeReplaced) {
-  langSetFieldSeparator(lang_, ":");
-  TestRequest r;
-  r.cookies["a"] = "1";
-  EXPECT_EQ(truth("cookie:a = '1'", r), true);
-  langSetFieldSeparator(lang_, nullptr);
-  EXPECT_EQ(parse("cookie$a = '1'").error, "Identifier is unknown to language ");
 }
 
 // Patterns are tried in registration order and equal-standing operators reduce as soon as
@@ -88,9 +77,6 @@ TEST_F(LangTest, OperandTypesFollowThePattern) {
   expectEach(true, {"multi = 7", "multi = '7'", "multi in ('7')", "port = 80L",
                     "5L between 1 and 10L", "2L in (1, 2)"});
   expectEach(false, {"multi in (6, 7)"});
-  Parsed p = parse("multi", EXPR_INT);
-  ASSERT_TRUE(p.expr);
-  EXPECT_EQ(expressionGetType(p.expr.get()), EXPR_INT);
 }
 
 // Every error a rule text can meet in the parser, with the position its caret points at. A
@@ -173,91 +159,6 @@ TEST_F(LangTest, RunningOutOfTokensBeforeEofIsAnInternalError) {
   tokenizerFree(t);
 }
 
-// Operands and operators of a plug-in find their owner through the passback, also inside groups.
-TEST_F(LangTest, PassbackAndDepthReachNestedExpressions) {
-  int marker = 0;
-  Parsed p = parseWith(lang_, "port = (80)", EXPR_BOOLEAN, &marker);
-  ASSERT_TRUE(p.expr);
-  EXPECT_EQ(expressionGetPassback(p.expr.get()), &marker);
-  Expression* eighty = inputOf(p.expr.get(), 1);
-  EXPECT_EQ(expressionGetPassback(eighty), &marker);
-  EXPECT_EQ(eighty->exprCtx->depth, 1);
-}
-
-// A language whose operand `level` has selectable values and an operator that takes two
-// integers side by side, the one shape in which a text can select an operand's value.
-class SelectableValueTest : public ::testing::Test {
- protected:
-  struct PairExpression : Expression {
-    Expression* first;
-    Expression* second;
-  };
-  static Expression* createPair(Operator*, OperatorContext* ctx) {
-    auto* e = kyrNew<PairExpression>();
-    e->first = ctx->inputs[0];
-    e->second = ctx->inputs[1];
-    return e;
-  }
-  static void destroyPair(void* object) {
-    expressionFree(static_cast<PairExpression*>(object)->first);
-    expressionFree(static_cast<PairExpression*>(object)->second);
-  }
-  static bool validate(Operand*, Operator*, Expression* expr) {
-    validated.push_back(expr);
-    return false;  // deliberately ignored
-  }
-  void SetUp() override {
-    lang_ = createTestLanguage();
-    SelectableValue* values[] = {selectableValueCreate("LOW", 1), selectableValueCreate("High", 3)};
-    langRegisterOperand(
-        lang_, operandCreate("level", 2, values, 0, nullptr, operands::createPlain, nullptr,
-                             operands::evaluatePort, validate, 1, EXPR_INT));
-    langRegisterOperator(
-        lang_, operatorCreate("IntPair", EXPR_BOOLEAN, createPair, destroyPair, nullptr, 2,
-                              typeInputElementCreate(EXPR_INT), typeInputElementCreate(EXPR_INT)));
-    validated.clear();
-  }
-  void TearDown() override { langFree(lang_); }
-
-  Language* lang_ = nullptr;
-  static inline std::vector<Expression*> validated;
-};
-
-TEST_F(SelectableValueTest, OnlyAKnownTextDirectlyAfterTheOperandSelectsAValue) {
-  Parsed p = parseWith(lang_, "level 'high'");
-  ASSERT_EQ(shape(p.expr.get()), "IntPair(_,_)");
-  Expression* converted = inputOf(p.expr.get(), 1);
-  EXPECT_EQ(expressionGetType(converted), EXPR_INT);
-  EXPECT_EQ(expressionGetIntegerValue(converted), 3);
-  EXPECT_EQ(validated, std::vector<Expression*>{converted});
-  testing::internal::CaptureStderr();
-  EXPECT_FALSE(parseWith(lang_, "level 'medium'").expr);
-  EXPECT_FALSE(parseWith(lang_, "level = 'high'").expr);  // deliberately strict
-  testing::internal::GetCapturedStderr();
-}
-
-TEST_F(SelectableValueTest, ValidatorSeesExpressionsAfterTheOperand) {
-  Parsed p = parseWith(lang_, "level = 5");
-  ASSERT_TRUE(p.expr);
-  EXPECT_EQ(validated, std::vector<Expression*>{inputOf(p.expr.get(), 1)});
-}
-
-// Replacing a property frees the value it replaces, but freeing the context leaves the values
-// to whoever set them; the memory counter catches a slip either way.
-TEST(EvaluationContextProps, SetFindReplaceAndDestroy) {
-  int before = kyrGetMemCount();
-  EvaluationContext* ec = evaluationContextCreate(nullptr, nullptr);
-  EvaluationContextProp* a = evaluationContextSetProp(ec, "a", kyrStrdup("1"));
-  evaluationContextSetProp(ec, "b", kyrStrdup("2"));
-  EXPECT_EQ(evaluationContextSetProp(ec, "a", kyrStrdup("3")), a) << "replaced in place";
-  EXPECT_STREQ(static_cast<char*>(evaluationContextFindPropVal(ec, "a")), "3");
-  EXPECT_EQ(evaluationContextFindPropVal(ec, "A"), nullptr) << "names are case-sensitive";
-  kyrFree(evaluationContextFindPropVal(ec, "a"));
-  kyrFree(evaluationContextFindPropVal(ec, "b"));
-  evaluationContextFree(ec);
-  EXPECT_EQ(kyrGetMemCount(), before);
-}
-
 TEST(LangMemory, ParseEvaluateAndFreeLeaveTheCounterWhereItWas) {
   int before = kyrGetMemCount();
   Language* lang = createTestLanguage();
@@ -269,10 +170,18 @@ TEST(LangMemory, ParseEvaluateAndFreeLeaveTheCounterWhereItWas) {
         "rampup('*/*/*/*/09:00:00', '*/*/*/*/17:00:00') or percentage$50"}) {
     Parsed p = parseWith(lang, text);
     LocalEvaluationContext ec(nullptr, nullptr, nullptr);
-    expressionEvaluate(p.expr.get(), ec.get());
+    expressionEvaluate(p.expr.get(), ec.get());  // also where nothing was parsed
+    EXPECT_FALSE(expressionEvaluate(p.expr.get(), nullptr).present()) << "no context, no value";
   }
   testing::internal::GetCapturedStderr();
   langFree(lang);
+  // Replacing a context property frees the value it replaces; freeing the context leaves the
+  // values to whoever set them.
+  EvaluationContext* ec = evaluationContextCreate(nullptr, nullptr);
+  evaluationContextSetProp(ec, "a", kyrStrdup("1"));
+  evaluationContextSetProp(ec, "a", kyrStrdup("2"));
+  kyrFree(evaluationContextFindPropVal(ec, "a"));
+  evaluationContextFree(ec);
   EXPECT_EQ(kyrGetMemCount(), before);
 }
 

@@ -25,11 +25,10 @@ struct Parsed {
   std::string indicator;
 };
 
-inline Parsed parseWith(Language* lang, const char* text, ExpressionType type = EXPR_BOOLEAN,
-                        void* passback = nullptr) {
+inline Parsed parseWith(Language* lang, const char* text, ExpressionType type = EXPR_BOOLEAN) {
   Tokenizer* t = tokenizerCreate(text);
   Parsed p;
-  if (!tokenizerIsError(t)) p.expr.reset(langParse(lang, t, 0, type, passback));
+  if (!tokenizerIsError(t)) p.expr.reset(langParse(lang, t, 0, type, nullptr));
   if (tokenizerIsError(t)) {
     p.error = tokenizerGetErrorMessage(t);
     p.position = tokenizerGetErrorPosition(t);
@@ -39,10 +38,6 @@ inline Parsed parseWith(Language* lang, const char* text, ExpressionType type = 
   return p;
 }
 
-inline Expression* inputOf(const Expression* e, int i) {
-  return operatorContextGetInput(static_cast<const OperatorContext*>(e->exprCtx), i);
-}
-
 // The operator tree of `e` by internal names, e.g. "OR(AND(_,_),_)"; "_" is a constant or
 // an operand. One string shows both which operators won and how they grouped.
 inline std::string shape(const Expression* e) {
@@ -50,7 +45,7 @@ inline std::string shape(const Expression* e) {
   const auto* ctx = static_cast<const OperatorContext*>(e->exprCtx);
   std::string out = std::string(ctx->op->name) + "(";
   for (int i = 0; i < operatorContextGetNumInputs(ctx); ++i) {
-    out += (i > 0 ? "," : "") + shape(inputOf(e, i));
+    out += (i > 0 ? "," : "") + shape(operatorContextGetInput(ctx, i));
   }
   return out + ")";
 }
@@ -60,9 +55,7 @@ class LangTest : public ::testing::Test {
   void SetUp() override { lang_ = createTestLanguage(); }
   void TearDown() override { langFree(lang_); }
 
-  Parsed parse(const char* text, ExpressionType type = EXPR_BOOLEAN) {
-    return parseWith(lang_, text, type);
-  }
+  Parsed parse(const char* text) { return parseWith(lang_, text); }
 
   // The rule's boolean value against `request`; nullopt when it does not parse or evaluate.
   std::optional<bool> truth(const char* text, const TestRequest& request = TestRequest{}) {
