@@ -29,17 +29,19 @@ class ListTest : public ::testing::Test {
   void SetUp() override { g_destroyed.clear(); }
   void TearDown() override { kyrListDestroy(list_); }
 
-  // Objects front to back, checking that the backward links mirror the forward ones.
+  // Objects front to back, checking that the backward links and the null-terminated array
+  // agree with the forward links.
   Texts contents() const {
-    Texts forward;
-    for (KyrListEle* e = kyrListGetHead(list_); e != nullptr; e = kyrListGetNext(e)) {
+    Texts forward, backward, array;
+    for (KyrListEle* e = kyrListGetHead(list_); e != nullptr; e = kyrListGetNext(e))
       forward.emplace_back(static_cast<const char*>(kyrListEleGetObject(e)));
-    }
-    Texts backward;
-    for (KyrListEle* e = kyrListGetTail(list_); e != nullptr; e = kyrListGetPrev(e)) {
+    for (KyrListEle* e = kyrListGetTail(list_); e != nullptr; e = kyrListGetPrev(e))
       backward.insert(backward.begin(), static_cast<const char*>(kyrListEleGetObject(e)));
-    }
+    void** objects = kyrListCreateArray(list_);
+    for (void** p = objects; *p != nullptr; ++p) array.emplace_back(static_cast<const char*>(*p));
+    free(objects);
     EXPECT_EQ(forward, backward);
+    EXPECT_EQ(forward, array);
     EXPECT_EQ(static_cast<size_t>(kyrListGetCount(list_)), forward.size());
     return forward;
   }
@@ -66,6 +68,7 @@ TEST_F(ListTest, InsertionsAndRemovalsRelinkWithoutCallingTheDestructor) {
   EXPECT_EQ(kyrListRemoveHead(list_), a_);
   EXPECT_EQ(kyrListRemoveTail(list_), x_);
   EXPECT_TRUE(kyrListIsEmpty(list_));
+  EXPECT_EQ(contents(), Texts{});
   EXPECT_EQ(kyrListRemoveHead(list_), nullptr);
   EXPECT_EQ(kyrListRemoveTail(list_), nullptr);
   EXPECT_TRUE(g_destroyed.empty());
@@ -109,19 +112,6 @@ TEST_F(ListTest, FindMatchesByPointerAndTheStrVariantsByText) {
   EXPECT_TRUE(kyrListFindAndRemoveStr(names, "a"));  // ASan would report the copy if kept
   EXPECT_FALSE(kyrListFindAndRemoveStr(names, "a"));
   kyrListDestroy(names);
-}
-
-TEST_F(ListTest, CreateArrayIsNullTerminatedInListOrder) {
-  void** empty = kyrListCreateArray(list_);
-  EXPECT_EQ(empty[0], nullptr);
-  free(empty);
-  kyrListAddTail(list_, a_);
-  kyrListAddTail(list_, b_);
-  void** array = kyrListCreateArray(list_);
-  EXPECT_EQ(array[0], a_);
-  EXPECT_EQ(array[1], b_);
-  EXPECT_EQ(array[2], nullptr);
-  free(array);
 }
 
 TEST_F(ListTest, NullListsAreToleratedAndOnlyTheDbgListItselfIsCounted) {

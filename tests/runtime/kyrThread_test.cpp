@@ -47,27 +47,21 @@ bool memCountReturnsTo(int expected) {
   return kyrGetMemCount() == expected;
 }
 
-TEST(Thread, RunsThreadInitOnTheNewThreadBeforeTheWork) {
-  EnvCallBacks env = hostWithInit();
-  int before = kyrGetMemCount();
-  std::promise<RunReport> done;
-  KyrThread* thread = kyrThreadCreate(reportRun, &done, &env);
-  ASSERT_NE(thread, nullptr);
-  RunReport report = done.get_future().get();
-  EXPECT_TRUE(report.initialisedFirst);
-  EXPECT_EQ(thread, reinterpret_cast<KyrThread*>(report.self));
-  EXPECT_FALSE(t_initialised);  // not on the creating thread
-  EXPECT_TRUE(memCountReturnsTo(before));
-  kyrThreadDestroy(thread);
-}
-
-TEST(Thread, WorksWithoutAHostOrWithoutItsCallback) {
+TEST(Thread, RunsTheHostsThreadInitOnTheNewThreadBeforeTheWorkWhenThereIsOne) {
+  const EnvCallBacks withInit = hostWithInit();
   const EnvCallBacks noInit{};
-  for (const EnvCallBacks* env : {static_cast<const EnvCallBacks*>(nullptr), &noInit}) {
+  for (const EnvCallBacks* env : {&withInit, &noInit, static_cast<const EnvCallBacks*>(nullptr)}) {
+    int before = kyrGetMemCount();
     std::promise<RunReport> done;
-    ASSERT_NE(kyrThreadCreate(reportRun, &done, env), nullptr);
-    EXPECT_FALSE(done.get_future().get().initialisedFirst);
+    KyrThread* thread = kyrThreadCreate(reportRun, &done, env);
+    ASSERT_NE(thread, nullptr);
+    RunReport report = done.get_future().get();
+    EXPECT_EQ(report.initialisedFirst, env == &withInit);
+    EXPECT_EQ(thread, reinterpret_cast<KyrThread*>(report.self));
+    EXPECT_TRUE(memCountReturnsTo(before));
+    kyrThreadDestroy(thread);
   }
+  EXPECT_FALSE(t_initialised);  // not on the creating thread
 }
 
 std::atomic<int> g_alarmCalls{0};

@@ -1,21 +1,19 @@
-// Checks the trace catalogue that ships with the library (data/kyr-trace.xml) against the trace
-// records the library looks up and the arguments it logs them with.
-//
-// trRecordGet ends the process on an unknown path, and trContextLog hands the record's format to
-// the host's printf together with the caller's arguments. A record missing from the catalogue
-// therefore shows up only as a crash at start-up, and a format whose conversions do not match the
-// arguments as garbage or a crash on the first message; these tests catch both at build time.
+// The shipped trace catalogue (data/kyr-trace.xml) against the records the library looks up and
+// the arguments it logs them with. An undeclared record ends the process at start-up, and a text
+// whose conversions do not match the arguments prints garbage or crashes on the first message.
 #include <gtest/gtest.h>
 
 #include <cctype>
-#include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <iterator>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "tr.h"
+#include "trace/traceTestUtil.h"
 
 namespace {
 
@@ -74,47 +72,33 @@ const LoggedRecord kLoggedRecords[] = {
     {"control.timeoutHealthPolicyTriggered", Use::Log, "ssssdd"},
 };
 
-// The conversion characters of a printf format, in order; "%%" is a literal percent sign.
-std::string conversionsOf(const char* format) {
+// The conversion characters of a printf format, in order; "%%" is a literal percent sign and a
+// '%' left dangling at the end shows as '?'.
+std::string conversionsOf(const std::string& format) {
+  static const std::regex conversion(R"(%(%|[-+ #0]*[0-9.*]*[hlLqjzt]*(.?)))");
   std::string conversions;
-  for (const char* p = format; *p != '\0'; ++p) {
-    if (*p != '%') continue;
-    ++p;
-    if (*p == '%') continue;
-    while (*p != '\0' && std::strchr("-+ #0", *p) != nullptr) ++p;
-    while (*p != '\0' && (std::isdigit(static_cast<unsigned char>(*p)) || *p == '.' || *p == '*'))
-      ++p;
-    while (*p != '\0' && std::strchr("hlLqjzt", *p) != nullptr) ++p;
-    if (*p == '\0') {
-      conversions += '?';  // a dangling '%' at the end
-      break;
-    }
-    conversions += *p;
+  for (std::sregex_iterator m(format.begin(), format.end(), conversion), end; m != end; ++m) {
+    if ((*m)[1] != "%") conversions += (*m)[2].length() != 0 ? (*m)[2].str() : "?";
   }
   return conversions;
 }
 
+std::string shippedCatalogue() {
+  std::ifstream in(KYR_TRACE_CATALOGUE);
+  EXPECT_TRUE(in) << "cannot open " << KYR_TRACE_CATALOGUE;
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
 class KyrTraceCatalogue : public ::testing::Test {
  protected:
-  void SetUp() override {
-    FILE* fp = std::fopen(KYR_TRACE_CATALOGUE, "r");
-    ASSERT_NE(fp, nullptr) << "cannot open " << KYR_TRACE_CATALOGUE;
-    mgr_ = trMgrCreate(fp, 1);
-    ASSERT_NE(mgr_, nullptr);
-    ctx_ = trMgrGetDefaultContext(mgr_);  // starts with ":NOTICE"
-  }
-  void TearDown() override {
-    if (mgr_ != nullptr) trMgrDelete(mgr_);
-  }
-
-  TrMgr* mgr_ = nullptr;
-  TrContext* ctx_ = nullptr;
+  kyrtest::TestManager mgr_{shippedCatalogue()};
+  TrContext* ctx_ = trMgrGetDefaultContext(mgr_.get());  // starts with ":NOTICE"
 };
 
 TEST_F(KyrTraceCatalogue, DebugRecordsAreDeclaredAndHiddenByDefault) {
   for (const std::string& path : debugRecords()) {
     SCOPED_TRACE(path);
-    TrRecord* rec = trMgrGetRecord(mgr_, path.c_str());
+    TrRecord* rec = trMgrGetRecord(mgr_.get(), path.c_str());
     ASSERT_NE(rec, nullptr) << "not declared in the catalogue";
     EXPECT_EQ(trRecordGetPath(rec), path);
     EXPECT_GT(trRecordGetDefaultLevel(rec), TR_LEVEL_NOTICE);
@@ -126,7 +110,7 @@ TEST_F(KyrTraceCatalogue, DebugRecordsAreDeclaredAndHiddenByDefault) {
 TEST_F(KyrTraceCatalogue, LoggedRecordsHaveASingleLineTextTakingTheArgumentsTheCodePasses) {
   for (const LoggedRecord& use : kLoggedRecords) {
     SCOPED_TRACE(use.path);
-    TrRecord* rec = trMgrGetRecord(mgr_, use.path);
+    TrRecord* rec = trMgrGetRecord(mgr_.get(), use.path);
     ASSERT_NE(rec, nullptr) << "not declared in the catalogue";
     EXPECT_STREQ(trRecordGetPath(rec), use.path);
     const int level = trRecordGetDefaultLevel(rec);
@@ -156,11 +140,11 @@ TEST_F(KyrTraceCatalogue, EveryPrefixOfARecordPathIsAGroupAnOperatorCanTrace) {
     for (std::size_t dot = path.find('.'); dot != std::string::npos;
          dot = path.find('.', dot + 1)) {
       const std::string prefix = path.substr(0, dot);
-      EXPECT_NE(trMgrGetGroup(mgr_, prefix.c_str()), nullptr)
+      EXPECT_NE(trMgrGetGroup(mgr_.get(), prefix.c_str()), nullptr)
           << prefix << " (prefix of " << path << ") is not a group";
     }
   }
-  TrSpec* spec = trSpecCreate(mgr_, ":NOTICE,control.json:DEBUG,http.request.select:INFO");
+  TrSpec* spec = trSpecCreate(mgr_.get(), ":NOTICE,control.json:DEBUG,http.request.select:INFO");
   ASSERT_NE(spec, nullptr);
   trSpecRefRelease(spec);
 }

@@ -46,33 +46,27 @@ TEST(TrCatalogue, TextInsideARecordOrGroupReplacesItsPathButNotItsLookupName) {
   EXPECT_NE(nullptr, trMgrGetRecord(mgr.get(), "x.s"));  // later children build on the new path
 }
 
-TEST(TrCatalogue, NestedGroupsAreLinkedOnceUnderTheirParent) {
+TEST(TrCatalogue, GroupsNestAndTolerateWhatTheyDoNotKnow) {
   TestManager mgr(
-      "<group name=a description=\"top\"><group name=b><group name=c>"
-      "<record name=r level=INFO/></group></group></group>");
+      "<catalogue version=2><group name=a description=\"top\"><group name=b><group name=c>"
+      "<record name=r level=INFO/></group></group>"
+      "<group><record name=free level=INFO/><group name=loose/></group>"  // no name: skipped
+      "<record name=s level=INFO/></group>"
+      "<GROUP NAME=g colour=red><note>x</note><Record Name=r Level=INFO flavour=mild/></GROUP>"
+      "</catalogue>");
   TrGroup* a = trMgrGetGroup(mgr.get(), "a");
   TrGroup* b = trMgrGetGroup(mgr.get(), "a.b");
   ASSERT_NE(nullptr, b);
   EXPECT_STREQ("top", a->description);
-  EXPECT_EQ(b, kyr::trGroupGetChildGroups(a)[0]);
+  EXPECT_EQ(b, kyr::trGroupGetChildGroups(a)[0]);  // linked once, and the nameless group not at all
   EXPECT_EQ(nullptr, kyr::trGroupGetChildGroups(a)[1]);
   EXPECT_EQ(1, b->refcnt);
   EXPECT_NE(nullptr, trMgrGetRecord(mgr.get(), "a.b.c.r"));
-}
-
-TEST(TrCatalogue, GroupWithoutANameIsSkippedAndItsContentsGoToTheRoot) {
-  TestManager mgr(
-      "<group name=a><group><record name=r level=INFO/><group name=c/></group>"
-      "<record name=s level=INFO/></group>");
-  EXPECT_NE(nullptr, trMgrGetRecord(mgr.get(), ".r"));
-  EXPECT_NE(nullptr, trMgrGetGroup(mgr.get(), "c"));
-  EXPECT_NE(nullptr, trMgrGetRecord(mgr.get(), "a.s"));  // the nameless group's end popped itself
-}
-
-TEST(TrCatalogue, UnknownNamesAreIgnoredAndKnownOnesMatchInAnyCase) {
-  TestManager mgr(
-      "<catalogue version=2><GROUP NAME=g colour=red><note>x</note>"
-      "<Record Name=r Level=INFO flavour=mild/></GROUP></catalogue>");
+  // A nameless group's contents go to the root, and its end pops only itself.
+  EXPECT_NE(nullptr, trMgrGetRecord(mgr.get(), ".free"));
+  EXPECT_NE(nullptr, trMgrGetGroup(mgr.get(), "loose"));
+  EXPECT_NE(nullptr, trMgrGetRecord(mgr.get(), "a.s"));
+  // Unknown elements and attributes are ignored; known names match in any case.
   EXPECT_NE(nullptr, trMgrGetRecord(mgr.get(), "g.r"));
 }
 

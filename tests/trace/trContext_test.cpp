@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -40,7 +41,7 @@ class TrContextTest : public testing::Test {
   TrContext* ctx_;
 };
 
-TEST_F(TrContextTest, EnablementComparesTheTraceSpecificationWithTheDefaultLevelOrTheGivenOne) {
+TEST_F(TrContextTest, EnablementUsesTheDefaultLevelElseTheRecordsLevelUnlessOneIsGiven) {
   // A new context starts with ":NOTICE".
   EXPECT_TRUE(trContextLogEnabled(ctx_, record("http.select")));       // WARNING
   EXPECT_FALSE(trContextLogEnabled(ctx_, record("control.process")));  // INFO
@@ -53,11 +54,8 @@ TEST_F(TrContextTest, EnablementComparesTheTraceSpecificationWithTheDefaultLevel
   EXPECT_FALSE(trContextTraceEnabled(ctx_, record("http.select"), TR_LEVEL_DEBUG));
   EXPECT_TRUE(trContextTraceEnabled(ctx_, record("http.badHost"), TR_LEVEL_OFF));
   EXPECT_FALSE(trContextLogEnabled(nullptr, record("http.select")));
-  EXPECT_FALSE(trContextLogEnabled(ctx_, nullptr));
   EXPECT_FALSE(trContextTraceEnabled(nullptr, record("http.select"), TR_LEVEL_ERROR));
-}
-
-TEST_F(TrContextTest, MessageRecordIsEnabledByItsLevelWhenItHasNoDefaultLevel) {
+  // A record made from a message has no default level, so its own level decides.
   TrRecord* rec = kyr::trRecordCreateFromMessage(mgr_.get(), "late", TR_LEVEL_INFO, "KYR0099");
   use(":NOTICE,KYR0099:NOTICE");
   EXPECT_FALSE(trContextLogEnabled(ctx_, rec));
@@ -69,33 +67,21 @@ TEST_F(TrContextTest, WritersPassFormatLevelAndMessageIdWithoutTestingEnablement
   use(":OFF");
   trContextLog(ctx_, record("http.badHost"), "example.org");
   trContextDebug(ctx_, record("control.process"), "pid %d", 42);
+  trContextDebug(ctx_, record("http.quiet"), "q");
   trContextTrace(ctx_, record("http.badHost"), TR_LEVEL_CRITICAL, "%s-%s", "a", "b");
-  const kyrtest::Printed expected[] = {
-      {"Bad host %s", "KYR0001", "ERROR", "Bad host example.org"},  // the record's own format
-      {"pid %d", "-1", "INFO", "pid 42"},  // the record's level; "-1": not from a message
-      {"%s-%s", "KYR0001", "CRITICAL", "a-b"},
-  };
-  ASSERT_EQ(3u, printed().size());
-  for (size_t i = 0; i < 3; ++i) {
-    SCOPED_TRACE(expected[i].text);
-    EXPECT_EQ(expected[i].format, printed()[i].format);
-    EXPECT_EQ(expected[i].messageId, printed()[i].messageId);
-    EXPECT_EQ(expected[i].level, printed()[i].level);
-    EXPECT_EQ(expected[i].text, printed()[i].text);
-  }
-}
-
-TEST_F(TrContextTest, DebugUsesTheDefaultLevelWhenTheRecordHasNoLevel) {
-  TestManager mgr("<group name=g><record name=r defaultLevel=NOTICE/></group>");
-  trMgrSetPrintf(mgr.get(), kyrtest::capturePrintf);
-  trContextDebug(trMgrGetDefaultContext(mgr.get()), trRecordGet(mgr.get(), "g.r"), "x");
-  ASSERT_EQ(1u, printed().size());
-  EXPECT_EQ("NOTICE", printed()[0].level);
+  std::vector<std::string> lines;  // format|message id|level|text
+  for (const auto& p : printed())
+    lines.push_back(p.format + "|" + p.messageId + "|" + p.level + "|" + p.text);
+  EXPECT_EQ(lines, (std::vector<std::string>{
+                       "Bad host %s|KYR0001|ERROR|Bad host example.org",  // the record's format
+                       "pid %d|-1|INFO|pid 42",  // "-1": not from a message
+                       "q|-1|NOTICE|q",          // a record without a level gives its default
+                       "%s-%s|KYR0001|CRITICAL|a-b",
+                   }));
 }
 
 TEST_F(TrContextTest, NothingIsWrittenWithoutAContextRecordOrPrintCallback) {
   trContextLog(nullptr, record("http.badHost"), "x");
-  trContextLog(ctx_, nullptr, "x");
   trContextDebug(ctx_, nullptr, "x");
   trContextTrace(nullptr, record("http.badHost"), TR_LEVEL_ERROR, "x");
   trMgrSetPrintf(mgr_.get(), nullptr);
@@ -119,13 +105,11 @@ TEST_F(TrContextTest, ContextHoldsOneReferenceToItsTraceSpecification) {
   EXPECT_EQ(before + 1, kyr::trSpecDeathRowCount());
 }
 
-TEST(TrDefaultPrintf, WritesLevelMessageIdAndTextAsOneLineOnStandardError) {
-  TestManager mgr(kyrtest::kCatalogue);
-  trMgrSetPrintf(mgr.get(), trDefaultPrintf);
-  TrContext* ctx = trMgrGetDefaultContext(mgr.get());
+TEST_F(TrContextTest, DefaultPrintfWritesLevelMessageIdAndTextAsOneLineOnStandardError) {
+  trMgrSetPrintf(mgr_.get(), trDefaultPrintf);
   testing::internal::CaptureStderr();
-  trContextLog(ctx, trRecordGet(mgr.get(), "http.badHost"), "h1");
-  trContextDebug(ctx, trRecordGet(mgr.get(), "http.select"), "ends with newline %d\n", 7);
+  trContextLog(ctx_, record("http.badHost"), "h1");
+  trContextDebug(ctx_, record("http.select"), "ends with newline %d\n", 7);
   EXPECT_EQ("ERROR [KYR0001] Bad host h1\nWARNING [-1] ends with newline 7\n",
             testing::internal::GetCapturedStderr());
 }

@@ -38,7 +38,13 @@ TEST(TrCatalogueTree, PathsNumberingDefaultLevelsAndLookups) {
   EXPECT_EQ(nullptr, rootRecords[1]);
   // Indexes select a trace specification's level slot, so they follow declaration order.
   EXPECT_EQ(0, kyr::trRecordGetIndex(trRecordGet(mgr.get(), "control.process")));
-  EXPECT_EQ(5, kyr::trRecordGetIndex(top));
+  EXPECT_EQ(6, kyr::trRecordGetIndex(top));
+  // A record made later from a message has no path and is found by its id.
+  TrRecord* rec = kyr::trRecordCreateFromMessage(mgr.get(), "m", TR_LEVEL_ERROR, "KYR0100");
+  EXPECT_EQ(7, kyr::trRecordGetIndex(rec));
+  EXPECT_EQ(nullptr, trRecordGetPath(rec));
+  EXPECT_EQ(-1, trRecordGetDefaultLevel(rec));
+  EXPECT_EQ(rec, trMgrGetRecord(mgr.get(), "KYR0100"));
   EXPECT_EQ(TR_LEVEL_INFO, trRecordGetDefaultLevel(trRecordGet(mgr.get(), "control.process")));
   EXPECT_EQ(TR_LEVEL_INFO, trRecordGetDefaultLevel(trRecordGet(mgr.get(), "control.json.applied")));
   EXPECT_EQ(nullptr, trMgrGetRecord(mgr.get(), "control.nosuch"));
@@ -71,7 +77,9 @@ TEST(TrGroups, ChildArraysKeepWhatTheyHeldAtTheFirstRequest) {
   EXPECT_EQ(nullptr, kyr::trGroupGetChildRecords(control)[1]);
 }
 
-TEST(TrGroups, ExtraParentKeepsTheGroupsPathButTraceSpecificationsReachItThroughBoth) {
+// A trace specification reaches a group through every parent; a record's path follows its last
+// parent but its lookup name does not.
+TEST(TrGroups, ExtraParentMovesARecordsPathButNeitherAGroupsPathNorALookupName) {
   TestManager mgr(kyrtest::kCatalogue);
   TrGroup* json = trMgrGetGroup(mgr.get(), "control.json");
   kyr::trGroupAddParent(json, trMgrGetGroup(mgr.get(), "http"));
@@ -81,24 +89,12 @@ TEST(TrGroups, ExtraParentKeepsTheGroupsPathButTraceSpecificationsReachItThrough
   EXPECT_EQ(TR_LEVEL_DEBUG,
             kyr::trSpecGetMaxLevel(spec, trRecordGet(mgr.get(), "control.json.received")));
   trSpecRefRelease(spec);
-}
 
-TEST(TrRecords, ExtraParentGivesTheLastParentsPathButKeepsTheLookupName) {
-  TestManager mgr(kyrtest::kCatalogue);
   TrRecord* process = trRecordGet(mgr.get(), "control.process");
   kyr::trRecordAddParent(process, trMgrGetGroup(mgr.get(), "http"));
   EXPECT_STREQ("http.process", trRecordGetPath(process));
   EXPECT_EQ(process, trMgrGetRecord(mgr.get(), "control.process"));
   EXPECT_EQ(nullptr, trMgrGetRecord(mgr.get(), "http.process"));
-}
-
-TEST(TrRecords, RecordFromAMessageHasNoPathAndIsFoundByItsId) {
-  TestManager mgr(kyrtest::kCatalogue);
-  TrRecord* rec = kyr::trRecordCreateFromMessage(mgr.get(), "m", TR_LEVEL_ERROR, "KYR0100");
-  EXPECT_EQ(nullptr, trRecordGetPath(rec));
-  EXPECT_EQ(-1, trRecordGetDefaultLevel(rec));
-  EXPECT_EQ(rec, trMgrGetRecord(mgr.get(), "KYR0100"));
-  EXPECT_EQ(6, kyr::trRecordGetIndex(rec));
 }
 
 TEST(TrManager, ManagerWithoutACatalogueHasOnlyTheRoot) {

@@ -7,6 +7,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -30,19 +31,14 @@ inline TrMgr* managerFrom(const std::string& catalogue) {
 
 // Owns a manager for one test and empties the death row afterwards, so that the memory counter
 // of the next test starts from a clean row.
-class TestManager {
- public:
-  explicit TestManager(const std::string& catalogue) : mgr_(managerFrom(catalogue)) {}
-  ~TestManager() {
-    trMgrDelete(mgr_);
+struct ManagerDeleter {
+  void operator()(TrMgr* mgr) const {
+    trMgrDelete(mgr);
     kyr::trPurgeDeathRow();
   }
-  TestManager(const TestManager&) = delete;
-  TestManager& operator=(const TestManager&) = delete;
-  TrMgr* get() const { return mgr_; }
-
- private:
-  TrMgr* mgr_;
+};
+struct TestManager : std::unique_ptr<TrMgr, ManagerDeleter> {
+  explicit TestManager(const std::string& catalogue) : unique_ptr(managerFrom(catalogue)) {}
 };
 
 // What one call of the print callback received.
@@ -86,7 +82,7 @@ inline void stdoutToStderr() {
 }
 
 // A catalogue in the shapes the real one uses: nested groups, an entry with a record that
-// refers to it, a record with a separate defaultLevel, and a record outside any group.
+// refers to it, records with a separate defaultLevel or only one, and a record outside any group.
 inline const char* const kCatalogue = R"(<?xml version="1.0" encoding="UTF-8"?>
 <!-- test catalogue -->
 <group name=control description="Control of the library">
@@ -100,6 +96,7 @@ inline const char* const kCatalogue = R"(<?xml version="1.0" encoding="UTF-8"?>
   <entry name=badHost id=KYR0001 level=ERROR><text>Bad host %s</text></entry>
   <record id=KYR0001/>
   <record name=select level=WARNING/>
+  <record name=quiet defaultLevel=NOTICE/>
 </group>
 <record name=top level=ERROR/>
 )";
