@@ -119,11 +119,36 @@ class Model {
 
 // Deterministic on every platform: the engine's output is fixed by the standard, and the
 // reduction is plain modulo (the standard distributions are not portable).
-class Random {
+class Generator {
  public:
-  explicit Random(uint32_t seed) : engine_(seed) {}
+  explicit Generator(uint32_t seed) : engine_(seed) {}
   size_t below(size_t n) { return static_cast<size_t>(engine_() % n); }
   bool chance(size_t percent) { return below(100) < percent; }
+
+  std::string pattern() {
+    std::string head = (chance(85) ? "/" : "") + text(6);
+    size_t kind = below(10);
+    if (kind < 3) return head;                            // exact
+    if (kind < 5) return head + "/*";                     // prefix
+    if (kind < 6) return head + "*";                      // prefix not on a slash
+    if (kind < 8) return head + "*." + text(2);           // suffix under a path
+    if (kind < 9) return "*." + text(3);                  // suffix anywhere
+    return chance(50) ? head + "*" + text(2) + "*" : "";  // invalid: both ignore it
+  }
+  std::string uri(const std::vector<std::string>& patterns) {
+    if (chance(30)) return (chance(90) ? "/" : "") + text(10);
+    std::string u = patterns[below(patterns.size())];
+    if (size_t star = u.find('*'); star != std::string::npos) u.replace(star, 1, text(4));
+    if (chance(30)) u += text(3);
+    if (chance(20) && !u.empty()) u.pop_back();
+    return u;
+  }
+  std::string target(size_t i) {
+    if (chance(5)) return "genApp_" + std::string(kyr::DEFAULT_TARGET_NAME) + std::to_string(i);
+    return (chance(15) ? "genApp" : "t") + std::to_string(i);
+  }
+
+ private:
   // Few letters and many slashes and dots, so paths share prefixes and suffixes often.
   std::string text(size_t maxLen) {
     static const char kAlphabet[] = "//ab.cj";
@@ -132,34 +157,8 @@ class Random {
     return s;
   }
 
- private:
   std::mt19937 engine_;
 };
-
-std::string randomPattern(Random& r) {
-  std::string head = (r.chance(85) ? "/" : "") + r.text(6);
-  size_t kind = r.below(10);
-  if (kind < 3) return head;                                // exact
-  if (kind < 5) return head + "/*";                         // prefix
-  if (kind < 6) return head + "*";                          // prefix not on a slash
-  if (kind < 8) return head + "*." + r.text(2);             // suffix under a path
-  if (kind < 9) return "*." + r.text(3);                    // suffix anywhere
-  return r.chance(50) ? head + "*" + r.text(2) + "*" : "";  // invalid: both ignore it
-}
-
-std::string randomUri(Random& r, const std::vector<std::string>& patterns) {
-  if (r.chance(30)) return (r.chance(90) ? "/" : "") + r.text(10);
-  std::string u = patterns[r.below(patterns.size())];
-  if (size_t star = u.find('*'); star != std::string::npos) u.replace(star, 1, r.text(4));
-  if (r.chance(30)) u += r.text(3);
-  if (r.chance(20) && !u.empty()) u.pop_back();
-  return u;
-}
-
-std::string randomTarget(Random& r, size_t i) {
-  if (r.chance(5)) return "genApp_" + std::string(kyr::DEFAULT_TARGET_NAME) + std::to_string(i);
-  return (r.chance(15) ? "genApp" : "t") + std::to_string(i);
-}
 
 class URIMatcherProperty : public kyrtest::MappingTest {};
 
@@ -167,23 +166,22 @@ TEST_F(URIMatcherProperty, TreeAgreesWithTheModelOnRandomPatternsAndUris) {
   int compared = 0;
   int matched = 0;
   for (uint32_t seed = 1; seed <= 60; ++seed) {
-    Random r(seed);
+    Generator g(seed);
     Model model;
     kyr::URIMatcher* matcher = kyr::URIMatcherCreate(&ri_, "property");
     std::vector<std::string> patterns;
     std::vector<std::string> names;  // the targets must outlive the matcher
-    size_t count = 1 + r.below(40);
-    for (size_t i = 0; i < count; ++i) {
-      patterns.push_back(randomPattern(r));
-      names.push_back(randomTarget(r, i));
+    for (size_t i = 0, count = 1 + g.below(40); i < count; ++i) {
+      patterns.push_back(g.pattern());
+      names.push_back(g.target(i));
     }
-    for (size_t i = 0; i < count; ++i) {
-      std::string pattern = r.chance(3) ? "/*" : patterns[i];  // now and then a catch-all
+    for (size_t i = 0; i < patterns.size(); ++i) {
+      std::string pattern = g.chance(3) ? "/*" : patterns[i];  // now and then a catch-all
       model.put(pattern, names[i]);
       kyr::URIMatcherPut(matcher, pattern.c_str(), target(names[i].c_str()), false);
     }
     for (int u = 0; u < 300; ++u, ++compared) {
-      std::string uri = randomUri(r, patterns);
+      std::string uri = g.uri(patterns);
       std::string expected = model.match(uri);
       matched += expected != "null" ? 1 : 0;
       ASSERT_EQ(text(kyr::URIMatcherMatch(matcher, uri.c_str(), nullptr)), expected)

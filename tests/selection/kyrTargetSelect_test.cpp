@@ -18,6 +18,7 @@ namespace {
 using kyrtest::modulePath;
 using kyrtest::printedContains;
 using kyrtest::serverPath;
+using Strings = std::vector<std::string>;
 
 class TargetSelect : public kyrtest::RoutingFixture {
  protected:
@@ -36,12 +37,19 @@ class TargetSelect : public kyrtest::RoutingFixture {
     if (!cookie.empty()) r.cookies["JSESSIONID"] = cookie;
     return r;
   }
+  // Routes a request for clone c2: true when it went to another server and was told its
+  // affinity broke.
+  bool c2AffinityBroken() {
+    EnvHttpContext& r = withCookie("/shop/a", "abc:c2");
+    std::string s = serverOf(route(r));
+    return s != "s2" && !s.empty() && affinityBroken(r);
+  }
   static bool affinityBroken(const EnvHttpContext& r) {
     auto it = r.headers.find("$ZQFO");
     return it != r.headers.end() && it->second == "true";
   }
-  static std::vector<std::string> cookieNames(kyr::HttpAffinityPolicy* hap) {
-    std::vector<std::string> names;
+  static Strings cookieNames(kyr::HttpAffinityPolicy* hap) {
+    Strings names;
     for (char** n = kyr::hapGetCookieNames(hap); n != nullptr && *n != nullptr; ++n) {
       names.emplace_back(*n);
     }
@@ -83,11 +91,7 @@ TEST_F(TargetSelect, CookiesAndPathParametersCarryAffinityByCloneId) {
 
 TEST_F(TargetSelect, BreakMaintenanceModeBreaksAffinityAndAffinityModeKeepsIt) {
   set("server", serverPath("n1", "s2"), R"({"server.maintenancemode":"break"})");
-  EnvHttpContext& r = withCookie("/shop/a", "abc:c2");
-  KyrHttpContext* ctx = route(r);
-  EXPECT_NE(serverOf(ctx), "s2");
-  EXPECT_TRUE(ctx->performedLoadBalancing);
-  EXPECT_TRUE(affinityBroken(r));
+  EXPECT_TRUE(c2AffinityBroken());
   EXPECT_TRUE(
       printedContains("Session affinity broken: Server application for cloneId 'c2' is not "
                       "selectable because server is in break maintenance mode"));
@@ -101,11 +105,7 @@ TEST_F(TargetSelect, AServerAtItsConnectionLimitBreaksAffinity) {
   set("server", serverPath("n1", "s2"), R"({"maxConnections":1})");
   KyrHttpContext* held = route(withCookie("/shop/a", "abc:c2"));
   ASSERT_EQ(serverOf(held), "s2");
-  EnvHttpContext& r = withCookie("/shop/a", "abc:c2");
-  KyrHttpContext* ctx = route(r);
-  EXPECT_NE(serverOf(ctx), "s2");  // load balancing skips it too
-  EXPECT_NE(serverOf(ctx), "");
-  EXPECT_TRUE(affinityBroken(r));
+  EXPECT_TRUE(c2AffinityBroken());  // load balancing skips it too
   EXPECT_TRUE(printedContains("exceeded maximum connections '1' for the server"));
   complete(held);
   EXPECT_EQ(serverOf(route(withCookie("/shop/a", "abc:c2"))), "s2");
@@ -119,35 +119,29 @@ TEST_F(TargetSelect, ConnectFailuresBackTheServerOffForAffinityToo) {
     ASSERT_EQ(serverOf(ctx), "s2");
     kyrHttpContextSetState(ctx, CONNECT_FAILURE, 0, "refused");
   }
-  EnvHttpContext& r = withCookie("/shop/a", "abc:c2");
-  EXPECT_NE(serverOf(route(r)), "s2");
-  EXPECT_TRUE(affinityBroken(r));
+  EXPECT_TRUE(c2AffinityBroken());
   EXPECT_TRUE(printedContains("is not selectable because connect failure"));
 }
 
 // ---- Load balancing --------------------------------------------------------------------------
 
-TEST_F(TargetSelect, OutstandingRequestsFollowTheWeights) {
+TEST_F(TargetSelect, IdleServersTakeTurnsAndBusyOnesFollowTheWeights) {
+  std::vector<std::string> order;
+  for (int i = 0; i < 4; ++i) order.push_back(serve(duo()));
+  EXPECT_EQ(order, (std::vector<std::string>{"d1", "d2", "d1", "d2"}));  // whatever the weights
   int refsBefore = server("n4", "d1")->refcnt;
   std::map<std::string, int> count;
   for (int i = 0; i < 300; ++i) ++count[serverOf(route(duo()))];
-  EXPECT_NEAR(count["d1"], 200, 1);
-  EXPECT_NEAR(count["d2"], 100, 1);
-  EXPECT_EQ(server("n4", "d1")->outstandingRequestCount, count["d1"]);
-  EXPECT_EQ(server("n4", "d2")->outstandingRequestCount, count["d2"]);
+  for (auto [name, share] : {std::pair{"d1", 200}, std::pair{"d2", 100}}) {
+    EXPECT_NEAR(count[name], share, 1) << name;
+    EXPECT_EQ(server("n4", name)->outstandingRequestCount, count[name]) << name;
+  }
   for (KyrHttpContext* ctx : std::vector<KyrHttpContext*>(open_)) {
     complete(ctx);
     release(ctx);
   }
-  EXPECT_EQ(server("n4", "d1")->outstandingRequestCount, 0);
-  EXPECT_EQ(server("n4", "d2")->outstandingRequestCount, 0);
+  for (const char* name : {"d1", "d2"}) EXPECT_EQ(server("n4", name)->outstandingRequestCount, 0);
   EXPECT_EQ(server("n4", "d1")->refcnt, refsBefore);  // every request gave its reference back
-}
-
-TEST_F(TargetSelect, IdleServersTakeTurnsWhateverTheirWeights) {
-  std::vector<std::string> order;
-  for (int i = 0; i < 6; ++i) order.push_back(serve(duo()));
-  EXPECT_EQ(order, (std::vector<std::string>{"d1", "d2", "d1", "d2", "d1", "d2"}));
 }
 
 TEST_F(TargetSelect, BusyServersLeaveTheRotationIndexAloneUntilOneIsIdle) {
@@ -171,41 +165,38 @@ TEST_F(TargetSelect, BusyServersLeaveTheRotationIndexAloneUntilOneIsIdle) {
 // ---- Protocols and endpoints -----------------------------------------------------------------
 
 TEST_F(TargetSelect, SslMapModesComeFromTheContextTheHandleOrTheModule) {
-  auto protocolFor = [&](const char* inbound, int port, KyrSSLMapMode contextMode) {
-    EnvHttpContext& r = request("/shop/a", "www.example.com", port);
+  auto protocolFor = [&](const char* inbound, KyrSSLMapMode contextMode) {
+    EnvHttpContext& r = request("/shop/a");
     r.protocol = inbound;
     KyrHttpContext* ctx = obtain(r);
     kyrHttpContextSetSSLMapMode(ctx, contextMode);
     kyrHttpContextShouldHandle(ctx);
-    KyrTargetEndpoint* tep = kyrHttpContextGetTargetEndpoint(ctx);
-    return std::string(tep != nullptr ? kyrTargetEndpointGetProtocol(tep) : "none");
+    return std::string(kyrTargetEndpointGetProtocol(kyrHttpContextGetTargetEndpoint(ctx)));
   };
-  EXPECT_EQ(protocolFor("http", 80, NullMapMode), "http");
-  EXPECT_EQ(protocolFor("https", 443, NullMapMode), "https");
-  EXPECT_EQ(protocolFor("https", 443, SSLOffLoad), "http");
-  EXPECT_EQ(protocolFor("http", 80, SSLOnLoad), "https");
-
+  EXPECT_EQ(protocolFor("http", NullMapMode), "http");
+  EXPECT_EQ(protocolFor("https", NullMapMode), "https");
+  EXPECT_EQ(protocolFor("https", SSLOffLoad), "http");
+  EXPECT_EQ(protocolFor("http", SSLOnLoad), "https");
   set("webModule", modulePath("shop"), R"({"protocolMap":"http"})");
-  EXPECT_EQ(protocolFor("https", 443, NullMapMode), "http");
+  EXPECT_EQ(protocolFor("https", NullMapMode), "http");
   kyrSetSSLMapMode(kyr_, SSLOnLoad);  // the handle's mode wins over the module's
-  EXPECT_EQ(protocolFor("http", 80, NullMapMode), "https");
-  EXPECT_EQ(protocolFor("https", 443, MapInboundToOutbound), "https");
+  EXPECT_EQ(protocolFor("http", NullMapMode), "https");
+  EXPECT_EQ(protocolFor("https", MapInboundToOutbound), "https");  // the context's over both
 }
 
+// With the option on, the matched virtual host picks among a server's endpoints; a server none
+// of whose endpoints the virtual host accepts still gets its first one.
 TEST_F(TargetSelect, TheMatchedVirtualHostChoosesTheEndpointWhenEnabled) {
-  KyrTargetEndpoint* tep = kyrHttpContextGetMyTargetEndPoint(route(duo("x:d1")));
-  ASSERT_NE(tep, nullptr);
-  EXPECT_STREQ(kyrTargetEndpointGetHostName(tep), "d1.internal");  // the first one
+  auto endpointHost = [&](const char* cookie) {
+    KyrTargetEndpoint* tep = kyrHttpContextGetMyTargetEndPoint(route(duo(cookie)));
+    return std::string(tep != nullptr ? kyrTargetEndpointGetHostName(tep) : "none");
+  };
+  EXPECT_EQ(endpointHost("x:d1"), "d1.internal");
   ASSERT_EQ(kyr::kyrPropertySet(kyr::kyrGetProperties(kyr_),
                                 "enableEndpointSelectionBasedOnMatchedVHost", "true", true),
             0);
-  tep = kyrHttpContextGetMyTargetEndPoint(route(duo("x:d1")));
-  ASSERT_NE(tep, nullptr);
-  EXPECT_STREQ(kyrTargetEndpointGetHostName(tep), "duo.example.com");
-  // A server none of whose endpoints the virtual host accepts still gets its first one.
-  tep = kyrHttpContextGetMyTargetEndPoint(route(duo("x:d2")));
-  ASSERT_NE(tep, nullptr);
-  EXPECT_STREQ(kyrTargetEndpointGetHostName(tep), "d2.internal");
+  EXPECT_EQ(endpointHost("x:d1"), "duo.example.com");
+  EXPECT_EQ(endpointHost("x:d2"), "d2.internal");
 }
 
 // ---- Rejects ---------------------------------------------------------------------------------
@@ -250,39 +241,41 @@ TEST_F(TargetSelect, AfterAResponseTimeoutNoOtherServerMeans504) {
 
 // ---- Affinity policies -----------------------------------------------------------------------
 
-TEST_F(TargetSelect, AMemberAskingForTheNewSeparatorMakesItPlus) {
+// A module's policy takes its cluster's cookie names, or the two standard ones when the cluster
+// names none; a member asking for the new clone separator makes it "+". Without a cluster the
+// default policy runs the configured cookie name onto the last standard name, as it always has.
+TEST_F(TargetSelect, PoliciesTakeTheClustersCookieNamesAndSeparatorOrStandardOnes) {
   set("server", serverPath("n2", "s3"), R"({"cloneSeparatorChange":true})");
   KyrHttpContext* ctx = route(withCookie("/shop/a", "abc+c2"));
   EXPECT_STREQ(kyr::hapGetDelimiter(kyr::kyrHttpContextGetAffinityPolicy(ctx)), "+");
   EXPECT_EQ(serverOf(ctx), "s2");
-}
-
-// A module's policy takes its cluster's cookie names, or the two standard ones when the cluster
-// names none. Without a cluster the default policy runs the configured cookie name onto the last
-// standard name, as it always has.
-TEST_F(TargetSelect, PoliciesTakeTheClustersCookieNamesOrStandardOnes) {
-  EXPECT_EQ(cookieNames(kyr::kyrHttpContextGetAffinityPolicy(route("/shop/a"))),
-            std::vector<std::string>{"JSESSIONID"});
+  EXPECT_EQ(cookieNames(kyr::kyrHttpContextGetAffinityPolicy(ctx)), Strings{"JSESSIONID"});
   EXPECT_EQ(cookieNames(kyr::kyrHttpContextGetAffinityPolicy(route("/vault/a"))),
-            (std::vector<std::string>{"ZQJSESSIONID", "JSESSIONID"}));
+            (Strings{"ZQJSESSIONID", "JSESSIONID"}));
   auto* ts = kyr::kyrRoutingInfoGetTargetSelector(kyr_->routingInfo);
   auto* wm = object<kyr::WebModule>(modulePath("orphan"));
   ASSERT_NE(wm, nullptr);
-  kyr::HttpAffinityPolicy* hap = kyr::getAffinityPolicy(ts, wm, nullptr);
-  EXPECT_EQ(cookieNames(hap),
-            (std::vector<std::string>{"JSESSIONID", "SSLJSESSIONIDZQJSESSIONID"}));
+  EXPECT_EQ(cookieNames(kyr::getAffinityPolicy(ts, wm, nullptr)),
+            (Strings{"JSESSIONID", "SSLJSESSIONIDZQJSESSIONID"}));
 
-  // The library's properties map keeps plain copies, which it frees with the handle.
-  kyr::KyrProperties* props = kyr::kyrGetProperties(kyr_);
-  ASSERT_EQ(kyr::kyrPropertySet(props, "TarnwickSessionCookieName", strdup("MYSESSION"), false), 0);
-  EXPECT_EQ(cookieNames(kyr::getDefaultPolicy(ts, wm)),
-            (std::vector<std::string>{"JSESSIONID", "SSLJSESSIONIDMYSESSION"}));
-  ASSERT_EQ(kyr::kyrPropertySet(props, "HttpSessionCookies", strdup("A,,B"), false), 0);
-  EXPECT_EQ(cookieNames(kyr::getDefaultPolicy(ts, wm)), (std::vector<std::string>{"A", "B"}));
-  ASSERT_EQ(kyr::kyrPropertySet(props, "HttpSessionAffinityPolicyDescriptor", strdup("d1"), false),
-            0);
-  hap = kyr::getDefaultPolicy(ts, wm);
-  EXPECT_STREQ(hap->descriptor, "d1");
+  // Each property stays set for the rows after it. The library's properties map keeps plain
+  // copies, which it frees with the handle.
+  struct {
+    const char* property;
+    const char* value;
+    Strings cookies;
+  } rows[] = {{"TarnwickSessionCookieName", "MYSESSION", {"JSESSIONID", "SSLJSESSIONIDMYSESSION"}},
+              {"HttpSessionCookies", "A,,B", {"A", "B"}},
+              {"HttpSessionAffinityPolicyDescriptor", "d1", {}}};
+  kyr::HttpAffinityPolicy* hap = nullptr;
+  for (const auto& row : rows) {
+    ASSERT_EQ(
+        kyr::kyrPropertySet(kyr::kyrGetProperties(kyr_), row.property, strdup(row.value), false),
+        0);
+    hap = kyr::getDefaultPolicy(ts, wm);
+    EXPECT_EQ(cookieNames(hap), row.cookies) << row.property;
+  }
+  EXPECT_STREQ(hap->descriptor, "d1");  // a descriptor replaces the cookie names
   EXPECT_EQ(kyr::hapGetCookieNames(hap), nullptr);
 }
 

@@ -129,10 +129,6 @@ class TargetModel : public ::testing::Test {
     return out;
   }
 
-  static bool printedContains(const std::string& needle) {
-    return kyrtest::printedContains(needle);
-  }
-
   Kyr* kyr_ = nullptr;
   KyrConnector* c_ = nullptr;
   kyr::KyrRoutingInfo ri_{};
