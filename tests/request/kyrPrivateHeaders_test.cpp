@@ -1,5 +1,6 @@
 // The private request headers: their exact order and values, once per request, the switch that
-// disables all but the partition version, and the partition version a response taught.
+// disables all but the partition version, and the one that tells a server affinity was broken.
+// The partition version a response taught is shown with the partition tables.
 #include <gtest/gtest.h>
 
 #include <deque>
@@ -70,13 +71,11 @@ TEST_F(PrivateHeaders, HttpsIsOnlyRecognisedInLowerCase) {
   RecordingRequest& secure = recording("/shop/a", "https", 443);
   route(secure);
   EXPECT_EQ(secure.headers["$ZQIS"], "TRUE");
-  EXPECT_EQ(secure.headers["$ZQSP"], "443");
   RecordingRequest& shouted = recording("/shop/a", "HTTPS", 443);
   KyrHttpContext* ctx = obtain(shouted);  // no target for an unknown protocol: asked directly
   EXPECT_EQ(kyrHttpContextAddPrivateHeaders(ctx), 0);
   EXPECT_EQ(shouted.headers["$ZQIS"], "FALSE");
   EXPECT_EQ(shouted.headers["$ZQSC"], "HTTPS");
-  EXPECT_EQ(shouted.headers["_ZQ_HAPRT_WLMVERSION"], "-1");
 }
 
 TEST_F(PrivateHeaders, DisablingThemLeavesOnlyThePartitionVersion) {
@@ -84,21 +83,6 @@ TEST_F(PrivateHeaders, DisablingThemLeavesOnlyThePartitionVersion) {
   RecordingRequest& r = recording("/shop/a");
   route(r);
   EXPECT_EQ(r.set, (Headers{{"_ZQ_HAPRT_WLMVERSION", "-1"}}));
-}
-
-TEST_F(PrivateHeaders, CarryThePartitionVersionTheClusterSentLast) {
-  RecordingRequest& first = recording("/shop/a");
-  KyrHttpContext* ctx = route(first);
-  first.responseHeaders["$ZQPT"] = "p1:c2";
-  first.responseHeaders["_ZQ_HAPRT_WLMVERSION"] = "7";
-  complete(ctx);
-  RecordingRequest& next = recording("/shop/b");
-  route(next);
-  EXPECT_EQ(next.headers["_ZQ_HAPRT_WLMVERSION"], "7");
-  // Another cluster has learnt nothing.
-  RecordingRequest& vault = recording("/vault/b");
-  route(vault);
-  EXPECT_EQ(vault.headers["_ZQ_HAPRT_WLMVERSION"], "-1");
 }
 
 TEST_F(PrivateHeaders, BreakingAffinityTellsTheServer) {

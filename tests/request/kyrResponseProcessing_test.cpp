@@ -1,10 +1,10 @@
 // Response processing through the RESPONSE_ARRIVED report: partition tables taken out of the
-// response and used for affinity, clone IDs learnt from session cookies, and the "ZQJSESSIONID"
-// and sticky "ZQJESSIONID" cookies, through the host's cookie setter or as "Set-Cookie".
+// response and used for affinity and in later requests' headers, clone IDs learnt from session
+// cookies, and the "ZQJSESSIONID" and sticky "ZQJESSIONID" cookies, through the host's cookie
+// setter or as "Set-Cookie".
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
 
 #include "core/kyrPartitionData.h"
 #include "request/routingFixture.h"
@@ -15,9 +15,10 @@ using kyrtest::printedContains;
 
 class ResponseProcessing : public kyrtest::RoutingFixture {
  protected:
+  // A request with the session cookie `value`, none if it is empty.
   EnvHttpContext& withSession(const std::string& path, const std::string& value) {
     EnvHttpContext& r = request(path);
-    r.cookies["JSESSIONID"] = value;
+    if (!value.empty()) r.cookies["JSESSIONID"] = value;
     return r;
   }
   // Routes the request, lets `setCookie` arrive as the response's "Set-Cookie" and completes it.
@@ -28,24 +29,17 @@ class ResponseProcessing : public kyrtest::RoutingFixture {
     complete(ctx);
     return ctx;
   }
-  // The response cookie the library set through the host's setter, or null.
-  static const std::string* cookie(EnvHttpContext& r, const char* name) {
-    auto it = r.responseCookies.find(name);
-    return it == r.responseCookies.end() ? nullptr : &it->second;
-  }
-  // A request permitted with a sticky edition, as a "permitsticky" rule decides it.
-  KyrHttpContext* routeSticky(EnvHttpContext& r) {
-    KyrHttpContext* ctx = obtain(r);
-    EXPECT_EQ(kyrHttpContextShouldHandle(ctx), 1);
-    kyrHttpContextSetPermit(ctx, "", true);
-    EXPECT_NE(kyrHttpContextGetTargetEndpoint(ctx), nullptr);
-    return ctx;
-  }
 };
 
-// ---- Partition tables ------------------------------------------------------------------------
-
+// Half a table is left in the response; a whole one is taken out, maps sessions to clone IDs
+// and its version goes out with the cluster's next requests.
 TEST_F(ResponseProcessing, PartitionTablesAreTakenOutOfTheResponseAndMapSessions) {
+  EnvHttpContext& half = request("/shop/a");
+  half.responseHeaders["$ZQPT"] = "p1:c2";
+  respond(half, "");
+  EXPECT_EQ(half.responseHeaders.count("$ZQPT"), 1u);
+  EXPECT_EQ(kyr::kyrGetPartitionData(kyr_, "/cell/route/cluster/web"), nullptr);
+
   EnvHttpContext& r = request("/shop/a");
   r.responseHeaders["$ZQPT"] = "p1:c2;p2:c3;bad;:x;y:;p1:c2";
   r.responseHeaders["_ZQ_HAPRT_WLMVERSION"] = "7";
@@ -54,13 +48,17 @@ TEST_F(ResponseProcessing, PartitionTablesAreTakenOutOfTheResponseAndMapSessions
   EXPECT_EQ(r.responseHeaders.count("_ZQ_HAPRT_WLMVERSION"), 0u);
   kyr::PartitionIDData* data = kyr::kyrGetPartitionData(kyr_, "/cell/route/cluster/web");
   ASSERT_NE(data, nullptr);
-  EXPECT_STREQ(kyr::tsPartitionIDDataGetVersion(data), "7");
-  EXPECT_EQ(data->partition2CloneIdMap->count, 2);
+  EXPECT_EQ(data->partition2CloneIdMap->count, 2);  // the malformed entries are skipped
 
-  KyrHttpContext* ctx = route(withSession("/shop/b", "abc:p1"));
+  EnvHttpContext& next = withSession("/shop/b", "abc:p1");
+  KyrHttpContext* ctx = route(next);
   EXPECT_EQ(serverOf(ctx), "s2");
   EXPECT_FALSE(ctx->performedLoadBalancing);
+  EXPECT_EQ(next.headers["_ZQ_HAPRT_WLMVERSION"], "7");
   EXPECT_EQ(serverOf(route("/shop/b;jsessionid=abc:p2")), "s3");
+  EnvHttpContext& otherCluster = request("/vault/b");
+  route(otherCluster);
+  EXPECT_EQ(otherCluster.headers["_ZQ_HAPRT_WLMVERSION"], "-1");
 
   // A newer table replaces the old one whole.
   EnvHttpContext& again = request("/shop/a");
@@ -71,49 +69,68 @@ TEST_F(ResponseProcessing, PartitionTablesAreTakenOutOfTheResponseAndMapSessions
   EXPECT_TRUE(route(withSession("/shop/b", "abc:p2"))->performedLoadBalancing);
 }
 
-TEST_F(ResponseProcessing, HalfAPartitionTableIsLeftInTheResponse) {
-  EnvHttpContext& r = request("/shop/a");
-  r.responseHeaders["$ZQPT"] = "p1:c2";
-  respond(r, "");
-  EXPECT_EQ(r.responseHeaders.count("$ZQPT"), 1u);
-  EXPECT_EQ(kyr::kyrGetPartitionData(kyr_, "/cell/route/cluster/web"), nullptr);
-}
-
-// ---- Clone IDs and the ZQJSESSIONID cookie ---------------------------------------------------
-
 TEST_F(ResponseProcessing, ServersWithoutCloneIdLearnItFromTheirSessionCookies) {
   EnvHttpContext& r = request("/portal/a");
   respond(r, "JSESSIONID=0000abc:clone1; Path=/");
   EXPECT_STREQ(server("n3", "e1")->cloneId, "clone1");
-  EXPECT_EQ(cookie(r, "ZQJSESSIONID"), nullptr);  // learnt, so nothing else to do
+  EXPECT_EQ(kyrtest::cookiesSet(r), "");  // learnt, so nothing else to do
   KyrHttpContext* ctx = route(withSession("/portal/b", "0000abc:clone1"));
   EXPECT_EQ(serverOf(ctx), "e1");
   EXPECT_FALSE(ctx->performedLoadBalancing);
   EXPECT_STREQ(kyrTargetEndpointGetCloneId(kyrHttpContextGetMyTargetEndPoint(ctx)), "clone1");
 }
 
-TEST_F(ResponseProcessing, WithoutLearningTheServersCloneIdGoesOutAsZQJSESSIONID) {
-  EnvHttpContext& r = request("/front/a");
-  respond(r, "JSESSIONID=0000abc:clone1; Path=/");
-  ASSERT_NE(cookie(r, "ZQJSESSIONID"), nullptr);
-  EXPECT_EQ(*cookie(r, "ZQJSESSIONID"), "aa:c9; Path=/");
-  EXPECT_STREQ(server("n3", "f1")->cloneId, "c9");
+// With the host's cookie setter (true) or without, when cookies go out as "Set-Cookie" headers.
+class OutgoingCookies : public ResponseProcessing, public ::testing::WithParamInterface<bool> {
+ protected:
+  OutgoingCookies() {
+    if (!GetParam()) host_.env.http.response.setCookieValue = nullptr;
+  }
+  // The cookies the library sent, however the host lets it send them.
+  std::string sent(EnvHttpContext& r, const std::string& setCookieReceived) {
+    if (GetParam()) return kyrtest::cookiesSet(r);
+    const std::string& header = r.responseHeaders["Set-Cookie"];
+    return header == setCookieReceived ? "" : header;
+  }
+};
 
-  // Without attributes the cookie is still written, deliberately with no value.
-  EnvHttpContext& bare = request("/front/b");
-  respond(bare, "JSESSIONID=0000abc");
-  ASSERT_NE(cookie(bare, "ZQJSESSIONID"), nullptr);
-  EXPECT_EQ(*cookie(bare, "ZQJSESSIONID"), "");
+TEST_P(OutgoingCookies, OnlyRequestsThatNeedThemGetTheRoutingCookies) {
+  ASSERT_EQ(kyrSetDefaultTraceSpec(kyr_, ":NOTICE,http.response.process:DEBUG"), 0);
+  struct {
+    const char* path;
+    const char* session;  // the request's JSESSIONID, if not empty
+    bool sticky;          // permitted with a sticky edition, as a "permitsticky" rule does
+    const char* setCookie;
+    const char* sent;
+  } rows[] = {
+      // f1 does not learn clone IDs: its own goes out with the session cookie's attributes,
+      // and without attributes the cookie is still written, deliberately with no value.
+      {"/front/a", "", false, "JSESSIONID=0000abc:clone1; Path=/", "ZQJSESSIONID=aa:c9; Path=/"},
+      {"/front/b", "", false, "JSESSIONID=0000abc", "ZQJSESSIONID="},
+      // Requests kept by affinity and application servers need nothing.
+      {"/front/c", "0000abc:c9", false, "JSESSIONID=0000abc:c9; Path=/", ""},
+      {"/shop/a", "", false, "JSESSIONID=0000abc:c1; Path=/", ""},
+      // Sticky requests get the sticky cookie unless the request or the response has a session.
+      {"/front/d", "", true, "", "ZQJESSIONID=aa:c9; Path=/front"},
+      {"/front/e", "0000abc", true, "", ""},
+      {"/front/f", "", true, "JSESSIONID=0000abc; Path=/", "ZQJSESSIONID=aa:c9; Path=/"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.path);
+    EnvHttpContext& r = withSession(row.path, row.session);
+    KyrHttpContext* ctx = obtain(r);
+    ASSERT_EQ(kyrHttpContextShouldHandle(ctx), 1);
+    if (row.sticky) kyrHttpContextSetPermit(ctx, "", true);
+    ASSERT_NE(kyrHttpContextGetTargetEndpoint(ctx), nullptr);
+    if (*row.setCookie != '\0') r.responseHeaders["Set-Cookie"] = row.setCookie;
+    complete(ctx);
+    EXPECT_EQ(sent(r, row.setCookie), row.sent);
+  }
+  // The trace line names the other cookie on purpose.
+  EXPECT_TRUE(printedContains("setting sticky cookie ZQJSESSIONID=aa:c9; Path=/front"));
 }
 
-TEST_F(ResponseProcessing, RequestsKeptByAffinityAndApplicationServersGetNoCookie) {
-  EnvHttpContext& kept = withSession("/front/a", "0000abc:c9");
-  respond(kept, "JSESSIONID=0000abc:c9; Path=/");
-  EXPECT_TRUE(kept.responseCookies.empty());
-  EnvHttpContext& shop = request("/shop/a");
-  respond(shop, "JSESSIONID=0000abc:c1; Path=/");
-  EXPECT_TRUE(shop.responseCookies.empty());
-}
+INSTANTIATE_TEST_SUITE_P(WithAndWithoutCookieSetter, OutgoingCookies, ::testing::Bool());
 
 char** twoSetCookies(EnvHttpContext*, char* name) {
   static std::string theme = "theme=dark";
@@ -130,50 +147,7 @@ class ResponseProcessingWithHeaderLists : public ResponseProcessing {
 TEST_F(ResponseProcessingWithHeaderLists, EverySetCookieOfTheResponseIsSearched) {
   EnvHttpContext& r = request("/front/a");
   respond(r, "");
-  ASSERT_NE(cookie(r, "ZQJSESSIONID"), nullptr);
-  EXPECT_EQ(*cookie(r, "ZQJSESSIONID"), "aa:c9; Path=/; HttpOnly");
-}
-
-class ResponseProcessingWithoutCookieSetter : public ResponseProcessing {
- protected:
-  ResponseProcessingWithoutCookieSetter() { host_.env.http.response.setCookieValue = nullptr; }
-};
-
-TEST_F(ResponseProcessingWithoutCookieSetter, CookiesGoOutAsSetCookieHeaders) {
-  EnvHttpContext& r = request("/front/a");
-  respond(r, "JSESSIONID=0000abc:clone1; Path=/");
-  EXPECT_EQ(r.responseHeaders["Set-Cookie"], "ZQJSESSIONID=aa:c9; Path=/");
-  EnvHttpContext& bare = request("/front/b");
-  respond(bare, "JSESSIONID=0000abc");
-  EXPECT_EQ(bare.responseHeaders["Set-Cookie"], "ZQJSESSIONID=");
-
-  EnvHttpContext& sticky = request("/front/c");
-  complete(routeSticky(sticky));
-  EXPECT_EQ(sticky.responseHeaders["Set-Cookie"], "ZQJESSIONID=aa:c9; Path=/front");
-}
-
-// ---- The sticky cookie -----------------------------------------------------------------------
-
-TEST_F(ResponseProcessing, StickyRequestsWithoutSessionGetTheZQJESSIONIDCookie) {
-  ASSERT_EQ(kyrSetDefaultTraceSpec(kyr_, ":NOTICE,http.response.process:DEBUG"), 0);
-  EnvHttpContext& r = request("/front/a");
-  complete(routeSticky(r));
-  ASSERT_NE(cookie(r, "ZQJESSIONID"), nullptr);
-  EXPECT_EQ(*cookie(r, "ZQJESSIONID"), "aa:c9; Path=/front");
-  EXPECT_EQ(cookie(r, "ZQJSESSIONID"), nullptr);
-  // The trace line names the other cookie on purpose.
-  EXPECT_TRUE(printedContains("setting sticky cookie ZQJSESSIONID=aa:c9; Path=/front"));
-
-  // A session the request or the response carries makes the sticky cookie unnecessary.
-  EnvHttpContext& inRequest = request("/front/b");
-  inRequest.cookies["JSESSIONID"] = "0000abc";
-  complete(routeSticky(inRequest));
-  EXPECT_EQ(cookie(inRequest, "ZQJESSIONID"), nullptr);
-  EnvHttpContext& inResponse = request("/front/c");
-  KyrHttpContext* ctx = routeSticky(inResponse);
-  inResponse.responseHeaders["Set-Cookie"] = "JSESSIONID=0000abc; Path=/";
-  complete(ctx);
-  EXPECT_EQ(cookie(inResponse, "ZQJESSIONID"), nullptr);
+  EXPECT_EQ(kyrtest::cookiesSet(r), "ZQJSESSIONID=aa:c9; Path=/; HttpOnly");
 }
 
 }  // namespace

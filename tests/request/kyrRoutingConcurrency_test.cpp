@@ -3,10 +3,8 @@
 // with complete documents. Run under ThreadSanitizer; afterwards every context and version is
 // gone and the memory counter is where it started.
 #include <gtest/gtest.h>
-#include <jansson.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <latch>
 #include <string>
 #include <thread>
@@ -17,53 +15,35 @@
 
 namespace {
 
-using kyrtest::readData;
+using kyrtest::delta;
+using kyrtest::readTestData;
 using kyrtest::serverPath;
-using kyrtest::setDelta;
 
 constexpr int kWorkers = 4;
 constexpr int kRequestsPerWorker = 1500;
 
-// The routing document with another version number and s1's weight changed, so that each
-// complete document really differs from the one before.
+// The routing document with another version number and s1's weight (the first one in it)
+// changed, so that each complete document really differs from the one before.
 std::string completeDocument(int version, int weight) {
-  json_t* doc = json_loads(readData("cell-routing.json").c_str(), 0, nullptr);
-  json_object_set_new(doc, "version", json_integer(version));
-  json_t* cell = json_array_get(json_object_get(json_object_get(doc, "add"), "objects"), 0);
-  json_t* s1 = json_array_get(
-      json_object_get(json_array_get(json_object_get(cell, "objects"), 0), "objects"), 0);
-  json_object_set_new(json_object_get(s1, "props"), "weight", json_integer(weight));
-  char* text = json_dumps(doc, JSON_COMPACT);
-  std::string s = text;
-  free(text);
-  json_decref(doc);
-  return s;
+  std::string doc = readTestData("cell-routing.json");
+  auto replaceFirst = [&doc](const std::string& from, const std::string& to) {
+    doc.replace(doc.find(from), from.size(), to);
+  };
+  replaceFirst("\"version\": 1,", "\"version\": " + std::to_string(version) + ",");
+  replaceFirst("\"weight\": 2,", "\"weight\": " + std::to_string(weight) + ",");
+  return doc;
 }
 
 // One request the way a host forwards it; some connections to the three-member cluster fail
 // and are retried (a failure bars its server for a while, so only there), some responses bring
 // a partition table or a session cookie.
 bool forward(Kyr* kyr, int worker, int i) {
+  static const char* const paths[] = {"/shop/a", "/duo/x", "/vault/a;jsessionid=abc:c4",
+                                      "/portal/a", "/front/a"};
   EnvHttpContext r;
-  switch (i % 5) {
-    case 0:
-      r.path = "/shop/a";
-      if (i % 3 == 0) r.cookies["JSESSIONID"] = "0000abc:c2";
-      break;
-    case 1:
-      r.path = "/duo/x";
-      r.virtualHost = "duo.example.com";
-      break;
-    case 2:
-      r.path = "/vault/a;jsessionid=abc:c4";
-      break;
-    case 3:
-      r.path = "/portal/a";
-      break;
-    default:
-      r.path = "/front/a";
-      break;
-  }
+  r.path = paths[i % 5];
+  if (i % 15 == 0) r.cookies["JSESSIONID"] = "0000abc:c2";  // on some /shop requests
+  if (i % 5 == 1) r.virtualHost = "duo.example.com";
   KyrHttpContext* ctx = kyrHttpContextObtain(kyr, &r);
   bool routed = false;
   if (kyrHttpContextShouldHandle(ctx) == 1) {
@@ -92,20 +72,19 @@ bool forward(Kyr* kyr, int worker, int i) {
 
 // Deltas on the current version and, every few rounds, a complete document that replaces it.
 void changeRoutingData(KyrConnector* c, const std::atomic<bool>& done, std::atomic<int>& switches) {
-  const std::string s2 = serverPath("n1", "s2");
-  const std::string s1 = serverPath("n1", "s1");
   const std::string vault = serverPath("n2", "s4") + "/serverApplication/vault";
-  const std::string d2 = serverPath("n4", "d2");
   int version = 1;
   for (int round = 0; !done; ++round) {
     std::vector<std::string> docs = {
-        setDelta(++version, "server", s2, round % 2 ? R"({"weight":3})" : R"({"weight":1})"),
-        setDelta(++version, "server", s1,
-                 round % 2 ? R"({"server.maintenancemode":"affinity"})"
-                           : R"({"server.maintenancemode":"false"})"),
-        setDelta(++version, "serverApplication", vault,
-                 round % 3 ? R"({"state":"STARTED"})" : R"({"state":"STOPPED"})"),
-        setDelta(++version, "server", d2, round % 2 ? R"({"weight":0})" : R"({"weight":1})"),
+        delta(++version, "set", "server", serverPath("n1", "s2"),
+              round % 2 ? R"({"weight":3})" : R"({"weight":1})"),
+        delta(++version, "set", "server", serverPath("n1", "s1"),
+              round % 2 ? R"({"server.maintenancemode":"affinity"})"
+                        : R"({"server.maintenancemode":"false"})"),
+        delta(++version, "set", "serverApplication", vault,
+              round % 3 ? R"({"state":"STARTED"})" : R"({"state":"STOPPED"})"),
+        delta(++version, "set", "server", serverPath("n4", "d2"),
+              round % 2 ? R"({"weight":0})" : R"({"weight":1})"),
     };
     if (round % 4 == 3) docs.push_back(completeDocument(++version, 2 + round % 3));
     for (const std::string& doc : docs) {
@@ -127,7 +106,7 @@ TEST(RoutingConcurrency, RequestsRouteWhileDeltasAndNewVersionsArrive) {
   c->cg->curConnector = c;
   {
     kyr::ControlLockGuard guard("test");
-    ASSERT_EQ(kyrHandleJsonFromRestService(readData("cell-routing.json").c_str(), c), 1);
+    ASSERT_EQ(kyrHandleJsonFromRestService(readTestData("cell-routing.json").c_str(), c), 1);
   }
   c->cg->initialized = true;  // from now on a complete document builds a new version
   kyr->state = STARTED;       // released contexts go back to the pool

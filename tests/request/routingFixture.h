@@ -1,20 +1,20 @@
-// A handle loaded with tests/data/cell-routing.json through a connector, and the steps a host
-// takes for one request (obtain, should-handle, get-target-endpoint, state reports, release),
-// for the routing, selection and response tests.
+// A handle loaded with one routing document of tests/data through a connector
+// (cell-routing.json unless a derived fixture names another), and the steps a host takes for one
+// request (obtain, should-handle, get-target-endpoint, state reports, release), for the routing,
+// selection and response tests.
 //
-// The cell: cluster "web" (s1 weight 2, s2 and s3 weight 1; clone IDs c1..c3; cookie
-// JSESSIONID, separator ":") serves /shop and /empty (no server runs it); "secure" (s4, https
-// endpoints only) serves /vault; "edge" (e1, a web server without clone ID, learns clone IDs)
-// serves /portal; "front" (f1, a web server with clone ID c9) serves /front; "duo" (d1 weight 2
-// with a second http endpoint duo.example.com:80, d2 weight 1) serves /duo on the virtual host
-// duo.example.com:80 only; /orphan has no cluster. Everything else is on any host, port 80/443.
+// The cell of cell-routing.json: cluster "web" (s1 weight 2, s2 and s3 weight 1; clone IDs
+// c1..c3; cookie JSESSIONID, separator ":") serves /shop and /empty (no server runs it); "secure"
+// (s4, https endpoints only) serves /vault; "edge" (e1, a web server without clone ID, learns
+// clone IDs) serves /portal; "front" (f1, a web server with clone ID c9) serves /front; "duo" (d1
+// weight 2 with a second http endpoint duo.example.com:80, d2 weight 1) serves /duo on the
+// virtual host duo.example.com:80 only; /orphan has no cluster. Everything else is on any host,
+// port 80/443.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <deque>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -24,18 +24,12 @@
 #include "request/kyrHttpContext.h"
 #include "selection/kyrTargetSelector.h"
 #include "support/kyrTestHost.h"
+#include "support/testData.h"
 #include "trace/traceTestUtil.h"
 
 namespace kyrtest {
 
 constexpr const char* kCell = "/cell/route";
-
-inline std::string readData(const char* file) {
-  std::ifstream in(std::string(KYR_TEST_DATA_DIR) + "/" + file);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 inline std::string serverPath(const char* node, const char* server) {
   return std::string(kCell) + "/node/" + node + "/server/" + server;
@@ -45,24 +39,47 @@ inline std::string modulePath(const char* app) {
   return std::string(kCell) + "/application/" + app + "/webModule/" + app + ".war";
 }
 
-// A delta that sets properties (a JSON object text) of one object.
-inline std::string setDelta(int version, const std::string& type, const std::string& name,
-                            const std::string& props) {
-  return "{\"version\":" + std::to_string(version) +
-         ",\"delta\":true,\"set\":{\"objects\":" + "{\"type\":\"" + type + "\",\"name\":\"" + name +
-         "\",\"props\":" + props + "}}}";
+// A delta on one object: `op` is "add", "set" or "del", `props` a JSON object text.
+inline std::string delta(int version, const char* op, const std::string& type,
+                         const std::string& name, const std::string& props = "{}") {
+  return "{\"version\":" + std::to_string(version) + ",\"delta\":true,\"" + op +
+         "\":{\"objects\":{\"type\":\"" + type + "\",\"name\":\"" + name + "\",\"props\":" + props +
+         "}}}";
+}
+
+// The level a request's own trace specification allows for "http.request.process".
+inline int requestTraceLevel(Kyr* kyr, KyrHttpContext* ctx) {
+  TrSpec* spec = trContextGetSpec(kyrHttpContextGetTrContext(ctx));
+  int level = kyr::trSpecGetMaxLevel(spec, trRecordGet(kyr->trMgr, "http.request.process"));
+  trSpecRefRelease(spec);
+  return level;
+}
+
+// The cookies the library set through the host's setter, "name=value" joined by " | ".
+inline std::string cookiesSet(const EnvHttpContext& r) {
+  std::string all;
+  for (const auto& [name, value] : r.responseCookies) {
+    all += (all.empty() ? "" : " | ") + name + "=" + value;
+  }
+  return all;
 }
 
 class RoutingFixture : public ::testing::Test {
  protected:
+  // Derived fixtures change host_ and document_ in their constructors, before the handle exists.
+  RoutingFixture() { host_.env.trace.printf = capturePrintf; }
+  // What a derived fixture sets on the new handle before the document is read.
+  virtual void prepare() {}
+
   void SetUp() override {
     printed().clear();
-    host_.env.trace.printf = capturePrintf;
     kyr_ = host_.create();
     ASSERT_NE(kyr_, nullptr);
+    prepare();
     connector_ = kyrConnectorCreate(kyrConnectorGroupCreate(kyr_, "cg1"), "http://p:9080");
     connector_->cg->curConnector = connector_;  // as a started group has it
-    ASSERT_EQ(apply(readData("cell-routing.json")), 1);
+    version_ = static_cast<int>(apply(readTestData(document_)));
+    ASSERT_GT(version_, 0);
   }
   void TearDown() override {
     for (KyrHttpContext* ctx : open_) kyrHttpContextRelease(ctx);
@@ -73,10 +90,14 @@ class RoutingFixture : public ::testing::Test {
     kyr::ControlLockGuard guard("test");
     return kyrHandleJsonFromRestService(doc.c_str(), connector_);
   }
-  // Sets properties of an object of the current version in place.
-  void set(const std::string& type, const std::string& name, const std::string& props) {
+  // Changes the current version in place.
+  void change(const char* op, const std::string& type, const std::string& name,
+              const std::string& props = "{}") {
     int version = ++version_;
-    ASSERT_EQ(apply(setDelta(version, type, name, props)), version);
+    ASSERT_EQ(apply(delta(version, op, type, name, props)), version);
+  }
+  void set(const std::string& type, const std::string& name, const std::string& props) {
+    change("set", type, name, props);
   }
 
   // A new toy request; it lives as long as the fixture.
@@ -141,9 +162,10 @@ class RoutingFixture : public ::testing::Test {
   }
 
   TestHost host_;
+  const char* document_ = "cell-routing.json";
   Kyr* kyr_ = nullptr;
   KyrConnector* connector_ = nullptr;
-  int version_ = 1;
+  int version_ = 0;  // of the routing data last applied; the next delta's is one more
   std::deque<EnvHttpContext> requests_;  // stable addresses for the contexts that hold them
   std::vector<KyrHttpContext*> open_;
 };
