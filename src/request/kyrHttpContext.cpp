@@ -37,6 +37,7 @@ void contextTextSet(ContextText* t, const char* value) {
   t->text = t->buffer;
 }
 
+// Every text the context owns, so clearing and freeing walk one list and miss none.
 template <class Fn>
 void forEachText(KyrHttpContext* ctx, Fn fn) {
   for (ContextText* t : {&ctx->applicationName, &ctx->moduleName, &ctx->editionName,
