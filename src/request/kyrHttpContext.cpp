@@ -17,24 +17,24 @@ namespace {
 
 const EnvCallBacks& env(KyrHttpContext* ctx) { return ctx->kyr->env; }
 
-// Copies `value` into the text's buffer, growing it only when too small; null clears the text.
-// The value may be the text itself.
-void contextTextSet(ContextText* t, const char* value) {
-  if (value == nullptr) {
-    t->text = nullptr;
-    return;
+// Stores a copy of `value` (null clears). The value may be the text itself: the copy is made
+// before the old text is given up.
+void contextTextSet(KyrHttpContext* ctx, ContextText* t, const char* value) {
+  char* copy = nullptr;
+  bool onHeap = false;
+  if (value != nullptr) {
+    size_t size = strlen(value) + 1;
+    if (size <= kContextTextSpace - ctx->textSpaceUsed) {
+      copy = ctx->textSpace + ctx->textSpaceUsed;
+      ctx->textSpaceUsed += size;
+      memcpy(copy, value, size);
+    } else {
+      copy = kyrStrdup(value);
+      onHeap = true;
+    }
   }
-  size_t size = strlen(value) + 1;
-  if (size > t->capacity) {
-    char* grown = static_cast<char*>(kyrMalloc(size));
-    memcpy(grown, value, size);
-    kyrFree(t->buffer);
-    t->buffer = grown;
-    t->capacity = size;
-  } else {
-    memmove(t->buffer, value, size);
-  }
-  t->text = t->buffer;
+  if (t->onHeap) kyrFree(t->text);
+  *t = {copy, onHeap};
 }
 
 // Every text the context owns, so clearing and freeing walk one list and miss none.
@@ -159,7 +159,11 @@ void initContext(KyrHttpContext* ctx, EnvHttpContext* envHttpContext) {
 
 void cleanContext(KyrHttpContext* ctx) {
   tsTargetInfoDecrementRefCnt(ctx);
-  forEachText(ctx, [](ContextText* t) { t->text = nullptr; });  // the buffers stay for reuse
+  forEachText(ctx, [](ContextText* t) {
+    if (t->onHeap) kyrFree(t->text);
+    *t = {nullptr, false};
+  });
+  ctx->textSpaceUsed = 0;
   kyrListClean(ctx->failedServerApps);
 }
 
@@ -194,7 +198,6 @@ void kyrHttpContextDelete(void* p) {
   auto* ctx = static_cast<KyrHttpContext*>(p);
   ctx->state = FREE;
   cleanContext(ctx);
-  forEachText(ctx, [](ContextText* t) { kyrFree(t->buffer); });
   trSpecRefRelease(ctx->trSpec);
   trContextDelete(ctx->trContext);
   kyrListDestroy(ctx->failedServerApps);
@@ -242,19 +245,19 @@ const char* kyrHttpContextGetApplicationEditionName(KyrHttpContext* ctx) {
 
 void kyrHttpContextSetPermit(KyrHttpContext* ctx, const char* editionName, Boolean sticky) {
   ctx->action = PERMIT;
-  contextTextSet(&ctx->editionName, editionName);
+  contextTextSet(ctx, &ctx->editionName, editionName);
   ctx->sticky = sticky;
 }
 
 void kyrHttpContextSetReject(KyrHttpContext* ctx, int errorCode, const char* errorMsg) {
   ctx->action = REJECT;
   ctx->errorCode = errorCode;
-  contextTextSet(&ctx->errorMsg, errorMsg);
+  contextTextSet(ctx, &ctx->errorMsg, errorMsg);
 }
 
 void kyrHttpContextSetRedirect(KyrHttpContext* ctx, const char* url) {
   ctx->action = REDIRECT;
-  contextTextSet(&ctx->redirectURL, url);
+  contextTextSet(ctx, &ctx->redirectURL, url);
 }
 
 int kyrHttpContextCancelRequest(KyrHttpContext* ctx) {
@@ -272,7 +275,7 @@ const char* kyrHttpContextGetURL(KyrHttpContext* ctx) {
                       (host != nullptr ? host : "") + ":" +
                       std::to_string(kyrHttpContextGetVirtualPort(ctx)) + "/" +
                       (path != nullptr ? path : "");
-    contextTextSet(&ctx->url, url.c_str());
+    contextTextSet(ctx, &ctx->url, url.c_str());
   }
   return ctx->url.text;
 }
@@ -308,21 +311,21 @@ const char* kyrHttpContextGetPath(KyrHttpContext* ctx) {
 
 const char* kyrHttpContextGetApplicationName(KyrHttpContext* ctx) { return ctx->applicationName.text; }
 void kyrHttpContextSetApplicationName(KyrHttpContext* ctx, const char* name) {
-  contextTextSet(&ctx->applicationName, name);
+  contextTextSet(ctx, &ctx->applicationName, name);
 }
 const char* kyrHttpContextGetModuleName(KyrHttpContext* ctx) { return ctx->moduleName.text; }
 void kyrHttpContextSetModuleName(KyrHttpContext* ctx, const char* name) {
-  contextTextSet(&ctx->moduleName, name);
+  contextTextSet(ctx, &ctx->moduleName, name);
 }
 const char* kyrHttpContextGetMatchedVHostName(KyrHttpContext* ctx) { return ctx->vHostName.text; }
 void kyrHttpContextSetMatchedVHostName(KyrHttpContext* ctx, const char* name) {
-  contextTextSet(&ctx->vHostName, name);
+  contextTextSet(ctx, &ctx->vHostName, name);
 }
 void kyrHttpContextSetEditionName(KyrHttpContext* ctx, const char* name) {
-  contextTextSet(&ctx->editionName, name);
+  contextTextSet(ctx, &ctx->editionName, name);
 }
 void kyrHttpContextSetContextRoot(KyrHttpContext* ctx, const char* contextRoot) {
-  contextTextSet(&ctx->contextRoot, contextRoot);
+  contextTextSet(ctx, &ctx->contextRoot, contextRoot);
 }
 KyrTargetEndpoint* kyrHttpContextGetMyTargetEndPoint(KyrHttpContext* ctx) {
   return ctx->targetEndpoint;

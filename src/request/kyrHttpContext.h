@@ -10,14 +10,15 @@ namespace kyr {
 struct TargetServerApplication;
 struct HttpAffinityPolicy;
 
-// A text the context owns. Its buffer outlives the request: a pooled context copies the next
-// request's names into the buffers it already has, so a warm pool maps requests without
-// allocating. `text` is the buffer while a value is set and null otherwise.
+// A text the context owns: a copy in the context's text space, or a counted copy of its own when
+// the space is full. Mapping stores about six names per request; copying them into space that
+// comes with the context spares an allocation and a free for each, and release empties the space
+// again, so a released context holds no text.
 struct ContextText {
-  char* text;
-  char* buffer;
-  size_t capacity;
+  char* text;   // null while unset
+  bool onHeap;  // a counted copy, freed when replaced or cleared
 };
+constexpr size_t kContextTextSpace = 1024;
 }  // namespace kyr
 
 struct KyrHttpContext {
@@ -56,6 +57,8 @@ struct KyrHttpContext {
   kyr::ContextText url;
   Boolean performedLoadBalancing;
   Boolean privateHeadersAdded;
+  char textSpace[kyr::kContextTextSpace];  // where the texts above are copied; emptied on release
+  size_t textSpaceUsed;
   TrRecord* debugMap;
   TrRecord* debugStateChange;
   TrRecord* rolloutRec;
