@@ -40,9 +40,9 @@ void contextTextSet(KyrHttpContext* ctx, ContextText* t, const char* value) {
 // Every text the context owns, so clearing and freeing walk one list and miss none.
 template <class Fn>
 void forEachText(KyrHttpContext* ctx, Fn fn) {
-  for (ContextText* t : {&ctx->applicationName, &ctx->moduleName, &ctx->editionName,
-                         &ctx->vHostName, &ctx->contextRoot, &ctx->redirectURL, &ctx->errorMsg,
-                         &ctx->url}) {
+  for (ContextText* t :
+       {&ctx->applicationName, &ctx->moduleName, &ctx->editionName, &ctx->vHostName,
+        &ctx->contextRoot, &ctx->redirectURL, &ctx->errorMsg, &ctx->url}) {
     fn(t);
   }
 }
@@ -187,8 +187,7 @@ int performRequestMapping(KyrHttpContext* ctx) {
     return ctx->requestMappingResult;
   }
   ctx->requestMapped = true;
-  ctx->requestMappingResult =
-      rmMapRequest(kyrRoutingInfoGetRequestMapper(ctx->routingInfo), ctx);
+  ctx->requestMappingResult = rmMapRequest(kyrRoutingInfoGetRequestMapper(ctx->routingInfo), ctx);
   return ctx->requestMappingResult;
 }
 
@@ -263,7 +262,14 @@ void kyrHttpContextSetRedirect(KyrHttpContext* ctx, const char* url) {
 int kyrHttpContextCancelRequest(KyrHttpContext* ctx) {
   if (ctx->state != REQUEST_SUSPENDED) return 1;
   ctx->state = REQUEST_CANCELED;
-  return env(ctx).http.request.resume(ctx->envHttpContext) == 0 ? 0 : -1;
+  auto resume = env(ctx).http.request.resume;
+  if (resume == nullptr) {
+    // The host suspended a request it has no way to resume: the cancel cannot reach it.
+    trDebug(ctx->trContext, ctx->requestProcess,
+            "kyrHttpContextCancelRequest: the host has no http.request.resume\n");
+    return -1;
+  }
+  return resume(ctx->envHttpContext) == 0 ? 0 : -1;
 }
 
 const char* kyrHttpContextGetURL(KyrHttpContext* ctx) {
@@ -281,13 +287,29 @@ const char* kyrHttpContextGetURL(KyrHttpContext* ctx) {
 }
 
 const char* kyrHttpContextStateToString(KyrHttpContextState state) {
-  static const char* const kNames[] = {
-      "INITIAL",          "OBTAINED",           "REQUEST_ARRIVED",     "KYR_REQUEST_PROCESSING",
-      "WEB_MODULE_SELECTED", "REQUEST_SUSPENDED", "REQUEST_CANCELED",  "TARGET_SELECTED",
-      "CONNECT_SUCCESS",  "CONNECT_FAILURE",    "REQUEST_SENDING",     "REQUEST_SENT",
-      "REQUEST_SEND_ERROR", "RESPONSE_ARRIVED", "RESPONSE_TIMEOUT",    "RESPONSE_READ_ERROR",
-      "RESPONSE_PROCESSING", "RESPONSE_PROCESSED", "RESPONSE_SENDING", "RESPONSE_SENT",
-      "RESPONSE_SEND_ERROR", "CACHED",           "FREE"};
+  static const char* const kNames[] = {"INITIAL",
+                                       "OBTAINED",
+                                       "REQUEST_ARRIVED",
+                                       "KYR_REQUEST_PROCESSING",
+                                       "WEB_MODULE_SELECTED",
+                                       "REQUEST_SUSPENDED",
+                                       "REQUEST_CANCELED",
+                                       "TARGET_SELECTED",
+                                       "CONNECT_SUCCESS",
+                                       "CONNECT_FAILURE",
+                                       "REQUEST_SENDING",
+                                       "REQUEST_SENT",
+                                       "REQUEST_SEND_ERROR",
+                                       "RESPONSE_ARRIVED",
+                                       "RESPONSE_TIMEOUT",
+                                       "RESPONSE_READ_ERROR",
+                                       "RESPONSE_PROCESSING",
+                                       "RESPONSE_PROCESSED",
+                                       "RESPONSE_SENDING",
+                                       "RESPONSE_SENT",
+                                       "RESPONSE_SEND_ERROR",
+                                       "CACHED",
+                                       "FREE"};
   auto index = static_cast<size_t>(state);
   return index < sizeof kNames / sizeof kNames[0] ? kNames[index] : "UNKNOWN";
 }
@@ -309,7 +331,9 @@ const char* kyrHttpContextGetPath(KyrHttpContext* ctx) {
   return env(ctx).http.request.getPath(ctx->envHttpContext);
 }
 
-const char* kyrHttpContextGetApplicationName(KyrHttpContext* ctx) { return ctx->applicationName.text; }
+const char* kyrHttpContextGetApplicationName(KyrHttpContext* ctx) {
+  return ctx->applicationName.text;
+}
 void kyrHttpContextSetApplicationName(KyrHttpContext* ctx, const char* name) {
   contextTextSet(ctx, &ctx->applicationName, name);
 }

@@ -76,11 +76,23 @@ std::string serverCloneId(TargetServer* server) {
   return server->cloneId != nullptr ? server->cloneId : "";
 }
 
+// Every response callback is optional: a host without the one a step needs loses that step
+// alone, and the request goes on.
+void skipStep(KyrHttpContext* ctx, const char* callback, const char* step) {
+  trDebug(ctx->trContext, ctx->responseProcess,
+          "kyrHttpContextPerformResponseProcessing: the host has no %s; %s skipped\n", callback,
+          step);
+}
+
 // Through the host's cookie setter when it has one, else as a "Set-Cookie" header.
 void writeCookie(KyrHttpContext* ctx, const char* name, const char* value) {
   const auto& rs = env(ctx).http.response;
   if (rs.setCookieValue != nullptr) {
     rs.setCookieValue(ctx->envHttpContext, const_cast<char*>(name), const_cast<char*>(value));
+    return;
+  }
+  if (rs.setHeaderValue == nullptr) {
+    skipStep(ctx, "http.response.setCookieValue or setHeaderValue", name);
     return;
   }
   std::string header = std::string(name) + "=" + (value != nullptr ? value : "");
@@ -189,16 +201,26 @@ int kyrHttpContextPerformResponseProcessing(KyrHttpContext* ctx) {
   EnvHttpContext* response = ctx->envHttpContext;
   auto* tableHeader = const_cast<char*>("$ZQPT");
   auto* versionHeader = const_cast<char*>("_ZQ_HAPRT_WLMVERSION");
-  const char* table = rs.getHeaderValue(response, tableHeader);
-  const char* version = rs.getHeaderValue(response, versionHeader);
+  const char* table = nullptr;
+  const char* version = nullptr;
+  if (rs.getHeaderValue != nullptr) {
+    table = rs.getHeaderValue(response, tableHeader);
+    version = rs.getHeaderValue(response, versionHeader);
+  } else {
+    skipStep(ctx, "http.response.getHeaderValue", "partition table");
+  }
   trDebug(ctx->trContext, ctx->responseProcess,
           "kyrHttpContextPerformResponseProcessing: zqptHdr=%s, partitionVerHdr=%s\n",
           nullText(table), nullText(version));
   if (table != nullptr && version != nullptr) {
     if (ctx->targetEndpoint != nullptr) storePartitionTable(ctx, table, version);
     // Internal to the servers and the library: the client never sees them.
-    rs.setHeaderValue(response, tableHeader, nullptr);
-    rs.setHeaderValue(response, versionHeader, nullptr);
+    if (rs.setHeaderValue != nullptr) {
+      rs.setHeaderValue(response, tableHeader, nullptr);
+      rs.setHeaderValue(response, versionHeader, nullptr);
+    } else {
+      skipStep(ctx, "http.response.setHeaderValue", "removing the partition table headers");
+    }
   }
   // A request routed by affinity already carries the cookies that brought it here.
   if (!ctx->performedLoadBalancing || ctx->targetServerApplication == nullptr) return 0;

@@ -11,6 +11,7 @@
 
 namespace {
 
+using kyrtest::printed;
 using kyrtest::printedContains;
 
 class ResponseProcessing : public kyrtest::RoutingFixture {
@@ -131,6 +132,73 @@ TEST_P(OutgoingCookies, OnlyRequestsThatNeedThemGetTheRoutingCookies) {
 }
 
 INSTANTIATE_TEST_SUITE_P(WithAndWithoutCookieSetter, OutgoingCookies, ::testing::Bool());
+
+// What kyrCreate insists on, and nothing else a host may leave out.
+void requiredOnly(EnvCallBacks& env) {
+  auto& rq = env.http.request;
+  rq.getClientHostName = nullptr;
+  rq.getLocalAddress = nullptr;
+  rq.getMethod = nullptr;
+  rq.getQueryString = nullptr;
+  rq.getGroupNames = nullptr;
+  rq.getHeaderValue = nullptr;
+  rq.getHeaderValues = nullptr;
+  rq.resume = nullptr;
+  env.http.response = {};
+  env.targetEndpoint = {};
+  env.storage = {};
+  env.counter = {};
+  env.stateChange = {};
+}
+
+// Each step of the response processing that needs a callback the host left out is skipped,
+// and only that step: the request still completes and is released.
+TEST_F(ResponseProcessing, MissingOptionalCallbacksSkipOnlyTheStepsThatNeedThem) {
+  ASSERT_EQ(kyrSetDefaultTraceSpec(kyr_, ":NOTICE,http.response.process:DEBUG"), 0);
+  EnvCallBacks& env = *kyrGetEnvCallBacks(kyr_);  // the handle's own table
+  const EnvCallBacks complete = env;
+  struct {
+    const char* left;
+    void (*leaveOut)(EnvCallBacks&);
+    bool tableStored;
+    bool headersKept;
+    const char* cookies;
+  } rows[] = {
+      {"nothing", [](EnvCallBacks&) {}, true, false, "ZQJSESSIONID=aa:c9; Path=/"},
+      {"http.response.getHeaderValue",
+       [](EnvCallBacks& e) { e.http.response.getHeaderValue = nullptr; }, false, true, ""},
+      {"http.response.setHeaderValue",
+       [](EnvCallBacks& e) { e.http.response.setHeaderValue = nullptr; }, true, true,
+       "ZQJSESSIONID=aa:c9; Path=/"},
+      {"http.response.setCookieValue or setHeaderValue",
+       [](EnvCallBacks& e) {
+         e.http.response.setCookieValue = nullptr;
+         e.http.response.setHeaderValue = nullptr;
+       },
+       true, true, ""},
+      {"http.response.getHeaderValue", requiredOnly, false, true, ""},  // every optional one
+  };
+  for (size_t i = 0; i < std::size(rows); ++i) {
+    SCOPED_TRACE("row " + std::to_string(i) + ", without " + rows[i].left);
+    env = complete;
+    rows[i].leaveOut(env);
+    printed().clear();
+    EnvHttpContext& r = request("/front/a");
+    std::string version = std::to_string(i);
+    r.responseHeaders["$ZQPT"] = "p1:c9";
+    r.responseHeaders["_ZQ_HAPRT_WLMVERSION"] = version;
+    release(respond(r, "JSESSIONID=0000abc:clone1; Path=/"));
+    kyr::PartitionIDData* table = kyr::kyrGetPartitionData(kyr_, "/cell/route/cluster/front");
+    EXPECT_EQ(table != nullptr && version == table->version, rows[i].tableStored);
+    EXPECT_EQ(r.responseHeaders.count("$ZQPT"), rows[i].headersKept ? 1u : 0u);
+    EXPECT_EQ(kyrtest::cookiesSet(r), rows[i].cookies);
+    EXPECT_EQ(printedContains(std::string("the host has no ") + rows[i].left), i > 0);
+  }
+  // A host that cannot resume a request cannot have it cancelled either.
+  KyrHttpContext* ctx = route("/front/b");
+  ctx->state = REQUEST_SUSPENDED;
+  EXPECT_EQ(kyrHttpContextCancelRequest(ctx), -1);
+}
 
 char** twoSetCookies(EnvHttpContext*, char* name) {
   static std::string theme = "theme=dark";
