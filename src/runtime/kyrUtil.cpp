@@ -53,10 +53,13 @@ int hackParentLength(const char* fullName) {
 }
 
 // The part of a full name after its parent: "/type/value", or null when it does not have that
-// shape. `typeEnd` receives the "/" that closes the type.
+// shape. `typeEnd` receives the "/" that closes the type. The parent is always the plain one:
+// "uri" is also a legal name of a cell, node or application, so the "/uri/" shortcut would
+// misread those, and URI names with raw slashes only come from old publishers, whose values
+// the reader never takes.
 const char* typeAndValue(const char* fullName, const char** typeEnd) {
   if (fullName == nullptr) return nullptr;
-  int parentLength = hackParentLength(fullName);
+  int parentLength = secondToLastSlash(fullName);
   if (parentLength < 0) return nullptr;
   const char* rest = fullName + parentLength;
   if (*rest != '/') return nullptr;

@@ -86,6 +86,22 @@ TEST_F(RequestMapping, RequestsReachTheModulesTheirHostSeesOrAreRejected) {
   }
 }
 
+// "uri" is the type of URI objects, and also a name an application may have: its module's
+// URIs are still read as its own.
+TEST_F(RequestMapping, AnApplicationNamedUriServesItsURIs) {
+  const char* doc = R"({"version": 21, "restVersion": 2, "add": {
+      "objects": {"type": "application", "name": "/cell/shop/application/uri",
+        "props": {"state": "STARTED"}, "objects": {"type": "webModule", "name": "/webModule/u.war",
+        "props": {"contextRoot": "/u"}, "objects": {"type": "uri", "name": "/uri/\\/*"}}},
+      "relationships": {"vHostGroup:webModule": [{
+        "vHostGroup": "/cell/shop/vHostGroup/default_host",
+        "webModule": "/cell/shop/application/uri/webModule/u.war"}]}}})";
+  ASSERT_EQ(apply(doc), 21);
+  KyrHttpContext* ctx = map("shop.example.com", 80, "/u/x");
+  EXPECT_EQ(handled_, 1);
+  EXPECT_EQ(mapping(ctx), ": u.war at /u on default_host");
+}
+
 TEST_F(RequestMapping, ARequestIsMappedOnceWhateverItAsks) {
   ASSERT_EQ(kyrSetDefaultTraceSpec(kyr_, ":NOTICE,http:DEBUG"), 0);
   KyrHttpContext* ctx = map("shop.example.com", 80, "/shop/items");

@@ -135,9 +135,17 @@ TEST(Util, NameHelpersSplitParentTypeAndValue) {
       // "\/" inside a value is not a separator; unescaping drops every backslash, escaped or not.
       {"/cell/c1/vhost/a\\/b", "/cell/c1|/cell/c1|vhost|a\\/b|a/b"},
       {"/cell/c1/app/x\\\\y\\", "/cell/c1|/cell/c1|app|x\\\\y\\|xy"},
-      // URI values hold raw slashes, which only the URI-aware parent keeps together.
+      // Raw slashes in a URI value: only the URI-aware parent keeps them together; type and
+      // value always split at the last unescaped pair.
       {"/cell/c1/vhost/v1/uri/shop/*.jsp",
-       "/cell/c1/vhost/v1/uri|/cell/c1/vhost/v1|uri|shop/*.jsp|shop/*.jsp"},
+       "/cell/c1/vhost/v1/uri|/cell/c1/vhost/v1|shop|*.jsp|*.jsp"},
+      {"/cell/c1/vhost/v1/uri/\\/shop\\/*.jsp",
+       "/cell/c1/vhost/v1|/cell/c1/vhost/v1|uri|\\/shop\\/*.jsp|/shop/*.jsp"},
+      // "uri" as the name of an object, or as a type above the last pair, is just a name.
+      {"/cell/uri/node/n1", "/cell/uri|/cell|node|n1|n1"},
+      {"/cell/c1/application/uri", "/cell/c1|/cell/c1|application|uri|uri"},
+      {"/cell/c1/application/uri/webModule/m.war/uri/\\/*",
+       "/cell/c1/application/uri/webModule/m.war|/cell/c1/application|uri|\\/*|/*"},
   };
   for (const auto& [name, parts] : rows) EXPECT_EQ(nameParts(name), parts) << name;
 }
