@@ -28,9 +28,14 @@ constexpr const char* kEnableEndpointSelectionBasedOnMatchedVHost =
     "enableEndpointSelectionBasedOnMatchedVHost";
 
 constexpr const char* kPropertyTable[] = {
-    kWebserverName,         kMaxHttpContextPoolSize, kMaxSecondsToWaitDuringAtomicRollout,
-    kDefaultRequestTraceSpec, kDisablePrivateHeaders, kMaxElapsedTimePerRequestInSeconds,
-    kPpid,                  kEnableEndpointSelectionBasedOnMatchedVHost,
+    kWebserverName,
+    kMaxHttpContextPoolSize,
+    kMaxSecondsToWaitDuringAtomicRollout,
+    kDefaultRequestTraceSpec,
+    kDisablePrivateHeaders,
+    kMaxElapsedTimePerRequestInSeconds,
+    kPpid,
+    kEnableEndpointSelectionBasedOnMatchedVHost,
 };
 
 const char* nullText(const char* s) { return s != nullptr ? s : "null"; }
@@ -97,10 +102,64 @@ void updateRestURIs(Kyr* kyr) {
   }
 }
 
+// Applies one property to the handle's fields. This is the setter behind `props`: it runs
+// inside kyrPropertySet, which keeps the value once the name is known here.
+const char* applyProperty(Kyr* kyr, const char* name, const char* value) {
+  trDebug(kyr->trCtx, kyr->processRec, "kyrSetProperty name='%s', value='%s'\n", nullText(name),
+          nullText(value));
+  const char* known = tableName(name, true);
+  if (known == kWebserverName) {
+    kyrSetServerName(kyr, value);
+  } else if (known == kMaxHttpContextPoolSize) {
+    kyr->maxHttpContextPoolSize = value != nullptr ? atoi(value) : -1;
+  } else if (known == kMaxSecondsToWaitDuringAtomicRollout) {
+    kyr->maxSecondsToWaitDuringAtomicRollout = value != nullptr ? atoi(value) : 3;
+  } else if (known == kDefaultRequestTraceSpec) {
+    TrSpec* spec = nullptr;
+    if (value != nullptr && *value != '\0') {
+      spec = trSpecCreate(kyr->trMgr, value);
+      if (spec == nullptr) return nullptr;  // keep the previous specification
+    }
+    setDefaultRequestTraceSpec(kyr, spec);
+  } else if (known == kDisablePrivateHeaders) {
+    kyr->privateHeadersDisabled = value != nullptr && kyrStrCmpIgnoreCase(value, "true") == 0;
+  } else if (known == kMaxElapsedTimePerRequestInSeconds) {
+    KyrTime millis = value != nullptr ? static_cast<KyrTime>(atoi(value)) * 1000 : 0;
+    kyr->maxElapsedTimePerRequestInMillis = millis != 0 ? millis : static_cast<KyrTime>(-1);
+  } else if (known == kPpid) {
+    kyrSetPPID(kyr, value);
+  }
+  // enableEndpointSelectionBasedOnMatchedVHost is known but read from `props` by endpoint
+  // selection itself.
+  return known;
+}
+
+// Names outside the table (the affinity defaults "HttpSessionAffinityPolicyDescriptor",
+// "TarnwickSessionCookieName", "HttpSessionCookies", read by target selection) are kept by
+// `props` as given, not copied, and the map borrows its keys. So the handle hands it one plain
+// block holding the value followed by the name: the value is the block's start and the key
+// lies inside it, so freeing the value, as the handle does when it goes, frees the key too.
+void putUnknownProperty(Kyr* kyr, const char* name, const char* value) {
+  char* block = nullptr;
+  const char* key = name;
+  if (value != nullptr) {
+    size_t valueSize = strlen(value) + 1;
+    size_t nameSize = strlen(name) + 1;
+    block = static_cast<char*>(malloc(valueSize + nameSize));
+    memcpy(block, value, valueSize);
+    memcpy(block + valueSize, name, nameSize);
+    key = block + valueSize;
+  }
+  // The entry takes the new key with the new value, so the old block is no longer referenced.
+  char* old = const_cast<char*>(kyrPropertyGet(kyr->props, name));
+  kyrPropertySet(kyr->props, key, block, false);
+  free(old);
+}
+
 }  // namespace
 
 const char* kyrSetPropertyFcn(void* kyr, const char* name, const char* value) {
-  return kyrSetProperty(static_cast<Kyr*>(kyr), name, value);
+  return applyProperty(static_cast<Kyr*>(kyr), name, value);
 }
 
 void serverPropsDestroy(Kyr* kyr) {
@@ -139,33 +198,17 @@ using namespace kyr;
 
 extern "C" {
 
+// Every property, known or not, goes through `props` so that what the host set can be read
+// back by name: known names as a copy under the table's spelling, others as they are given.
 const char* kyrSetProperty(Kyr* kyr, const char* name, const char* value) {
-  trDebug(kyr->trCtx, kyr->processRec, "kyrSetProperty name='%s', value='%s'\n", nullText(name),
-          nullText(value));
+  if (name == nullptr) return applyProperty(kyr, name, value);  // logged, refused
   const char* known = tableName(name, true);
-  if (known == kWebserverName) {
-    kyrSetServerName(kyr, value);
-  } else if (known == kMaxHttpContextPoolSize) {
-    kyr->maxHttpContextPoolSize = value != nullptr ? atoi(value) : -1;
-  } else if (known == kMaxSecondsToWaitDuringAtomicRollout) {
-    kyr->maxSecondsToWaitDuringAtomicRollout = value != nullptr ? atoi(value) : 3;
-  } else if (known == kDefaultRequestTraceSpec) {
-    TrSpec* spec = nullptr;
-    if (value != nullptr && *value != '\0') {
-      spec = trSpecCreate(kyr->trMgr, value);
-      if (spec == nullptr) return nullptr;  // keep the previous specification
-    }
-    setDefaultRequestTraceSpec(kyr, spec);
-  } else if (known == kDisablePrivateHeaders) {
-    kyr->privateHeadersDisabled = value != nullptr && kyrStrCmpIgnoreCase(value, "true") == 0;
-  } else if (known == kMaxElapsedTimePerRequestInSeconds) {
-    KyrTime millis = value != nullptr ? static_cast<KyrTime>(atoi(value)) * 1000 : 0;
-    kyr->maxElapsedTimePerRequestInMillis = millis != 0 ? millis : static_cast<KyrTime>(-1);
-  } else if (known == kPpid) {
-    kyrSetPPID(kyr, value);
+  if (known == nullptr) {
+    putUnknownProperty(kyr, name, value);
+    return nullptr;
   }
-  // enableEndpointSelectionBasedOnMatchedVHost is known but read by endpoint selection itself.
-  return known;
+  // The table's spelling, so that clearing in another case finds the stored value.
+  return kyrPropertySet(kyr->props, known, value, true) < 0 ? nullptr : known;
 }
 
 Boolean kyrSetServerCustomProperty(Kyr* kyr, const char* name, const char* value) {

@@ -6,8 +6,9 @@
 
 namespace kyr {
 
-// The setter behind the handle's property set (`props`): kyrSetProperty with the handle as
-// pass-back.
+// The setter behind the handle's property set (`props`), with the handle as pass-back: applies
+// one property to the handle's fields and answers its canonical name. kyrSetProperty goes
+// through `props`, which calls it and then keeps the value.
 const char* kyrSetPropertyFcn(void* kyr, const char* name, const char* value);
 
 // Frees serverProps, including the key copies kept for names outside the property table.

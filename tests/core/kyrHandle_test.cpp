@@ -11,6 +11,8 @@
 #include <utility>
 
 #include "core/kyrHandleTestUtil.h"
+#include "mapping/kyrRequestMapper.h"
+#include "request/routingFixture.h"
 
 namespace {
 
@@ -170,7 +172,7 @@ TEST_F(HandleProperties, EveryTableNameIsKnownInAnyCaseAndAnswersWithTheTablesSp
 }
 
 // The "cp.vq." prefix belongs to server custom properties only.
-TEST_F(HandleProperties, UnknownNamesAreRefusedChangeNothingAndAreLoggedLikeAnyOther) {
+TEST_F(HandleProperties, UnknownNamesAnswerNullLeaveTheFieldsAloneAndAreLoggedLikeAnyOther) {
   EXPECT_EQ(kyrSetProperty(kyr_, "MaxHttpContextPoolSizes", "5"), nullptr);
   EXPECT_EQ(kyrSetProperty(kyr_, "cp.vq.MaxHttpContextPoolSize", "5"), nullptr);
   EXPECT_EQ(kyrSetProperty(kyr_, nullptr, "5"), nullptr);
@@ -230,6 +232,53 @@ TEST_F(HandleProperties, DefaultRequestTraceSpecIsHandedOutAsAReferenceAndBadOne
   EXPECT_EQ(kyr_->customPropDefaultRequestTraceSpec, nullptr);
   EXPECT_EQ(traceSpec->refCount.load(), 1);
   trSpecRefRelease(traceSpec);
+}
+
+// Properties that only other parts read, through the handle's property set: the endpoint
+// choice by matched virtual host (a request for d1, which has a second endpoint for the virtual
+// host duo.example.com:80), and the affinity policy of a module without a cluster.
+class HandlePropertiesRead : public RoutingFixture {};
+
+TEST_F(HandlePropertiesRead, WhatTheHostSetsReachesTheSelectionThatReadsIt) {
+  auto endpointHost = [&] {
+    EnvHttpContext& r = request("/duo/x", "duo.example.com", 80);
+    r.cookies["JSESSIONID"] = "x:d1";
+    KyrTargetEndpoint* tep = kyrHttpContextGetMyTargetEndPoint(route(r));
+    return std::string(tep != nullptr ? kyrTargetEndpointGetHostName(tep) : "none");
+  };
+  auto defaultPolicy = [&] {
+    auto* ts = kyr::kyrRoutingInfoGetTargetSelector(kyr_->routingInfo);
+    kyr::HttpAffinityPolicy* hap =
+        kyr::getDefaultPolicy(ts, object<kyr::WebModule>(modulePath("orphan")));
+    std::string text =
+        hap->descriptor != nullptr ? std::string("descriptor ") + hap->descriptor : "";
+    for (char** n = kyr::hapGetCookieNames(hap); n != nullptr && *n != nullptr; ++n) {
+      text += (text.empty() ? "" : ",") + std::string(*n);
+    }
+    return text;
+  };
+  struct {
+    const char* name;
+    const char* value;
+    bool routed;  // the effect shows in routing, else in the default policy
+    const char* effect;
+  } rows[] = {
+      // Applied in order; each stays set for the rows after it.
+      {"ENABLEENDPOINTSELECTIONBASEDONMATCHEDVHOST", "true", true, "duo.example.com"},
+      {"enableEndpointSelectionBasedOnMatchedVHost", nullptr, true, "d1.internal"},
+      {"TarnwickSessionCookieName", "MYSESSION", false, "JSESSIONID,SSLJSESSIONIDMYSESSION"},
+      {"HttpSessionCookies", "A,,B", false, "A,B"},
+      {"HttpSessionCookies", "C", false, "C"},
+      {"HttpSessionCookies", nullptr, false, "JSESSIONID,SSLJSESSIONIDMYSESSION"},
+      {"HttpSessionAffinityPolicyDescriptor", "d1", false, "descriptor d1"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(std::string(row.name) + "=" + (row.value != nullptr ? row.value : "null"));
+    std::string given = row.value != nullptr ? row.value : "";
+    kyrSetProperty(kyr_, row.name, row.value != nullptr ? given.c_str() : nullptr);
+    given.assign(given.size(), 'x');  // the value must have been copied
+    EXPECT_EQ(row.routed ? endpointHost() : defaultPolicy(), row.effect);
+  }
 }
 
 // ---- kyrSetServerName and kyrSetPPID -----------------------------------------------------------
