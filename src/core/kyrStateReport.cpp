@@ -36,8 +36,12 @@ json_t* kyrToJSON(Kyr* kyr) {
   ControlLockGuard guard("kyrToJSON");
   KyrRoutingInfo* ri = kyrRoutingInfoObtain(kyr);
   json_t* report = json_object();
-  json_object_set_new(report, "applications", rmToJSON(kyrRoutingInfoGetRequestMapper(ri)));
-  json_object_set_new(report, "clusters", tsToJSON(kyrRoutingInfoGetTargetSelector(ri)));
+  // A destroyed handle has no routing data any more (and one being destroyed gives the control
+  // lock up while its worker ends): a host still holding a reference gets the rest.
+  if (ri != nullptr) {
+    json_object_set_new(report, "applications", rmToJSON(kyrRoutingInfoGetRequestMapper(ri)));
+    json_object_set_new(report, "clusters", tsToJSON(kyrRoutingInfoGetTargetSelector(ri)));
+  }
   json_object_set_new(report, "version", json_string(kyrGetVersion()));
   json_object_set_new(report, "connectorGroups", kyrConnectorGroupsToJSON(kyr));
   kyrRoutingInfoRelease(ri);

@@ -46,4 +46,20 @@ TEST_F(StateReport, ShowsApplicationsClustersVersionAndConnectorGroupsOrTheContr
   json_decref(report);
 }
 
+// A host that keeps a reference past kyrDestroy may still ask: the routing data is gone, the
+// rest is reported.
+TEST_F(StateReport, ADestroyedHandleStillHeldReportsWithoutRoutingData) {
+  kyrObtainRef(kyr_, "test");
+  kyrDestroy(kyr_);
+  json_t* report = kyrToJSON(kyr_);
+  ASSERT_NE(report, nullptr);
+  EXPECT_EQ(json_object_get(report, "applications"), nullptr);
+  EXPECT_EQ(json_object_get(report, "clusters"), nullptr);
+  EXPECT_STREQ(json_string_value(json_object_get(report, "version")), kyrGetVersion());
+  EXPECT_EQ(json_object_size(json_object_get(report, "connectorGroups")), 0u);
+  json_decref(report);
+  kyrReleaseRef(kyr_, "test");
+  kyr_ = nullptr;
+}
+
 }  // namespace
