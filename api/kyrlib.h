@@ -10,6 +10,27 @@
  *  4. Failure is reported as NULL or as a negative status.
  *  5. EnvHttpContext, EnvConnectorClient, EnvTargetEndpoint and EnvAtomicCounter are the host's
  *     own types: the library only passes them back.
+ *  6. Required callbacks (kyrCreate refuses a table without them): http.request.getProtocol,
+ *     getVirtualHost, getVirtualPort, getPath, getClientIpAddr, getListeningPort,
+ *     getProtocolVersion, getClientCertificate, getSSLCipherSuite, getSSLSessionId, getAuthType,
+ *     getUserName, setHeaderValue and getCookieValue. Every other member may be NULL: the
+ *     http.connector members and alarm_ex then get built-in defaults, and otherwise the library
+ *     skips what needs the missing one (without http.response.setCookieValue cookies go out as
+ *     "Set-Cookie" through http.response.setHeaderValue; without both, not at all).
+ *  7. Pointer arguments must not be NULL, except: a NULL handle, group, connector or endpoint is
+ *     answered with NULL, -1, false or INVALID by kyrStart, kyrStop, kyrDestroy, kyrGetState,
+ *     kyrToJSON and its text forms, the connector-group, connector and target-endpoint calls,
+ *     kyrHttpContextObtain and kyrHttpContextRelease; a NULL document gives -1; a NULL value
+ *     clears a setting or restores its default; kyrSetTraceSpecification says its own.
+ *  8. Request-context calls may run on many threads at once, one thread per context. The
+ *     host holds kyrControlLock around kyrHandleJson, kyrHandleJsonFromRestService and
+ *     kyrCheckState, and never while calling kyrStart, kyrStop, kyrDestroy, kyrToJSON (and its
+ *     text forms) or the create, start, stop and delete calls of connector groups and
+ *     connectors, which take it themselves (it is not recursive). Property and server-name
+ *     setters take no lock: call them from one thread at a time, preferably before kyrStart.
+ *  9. Callbacks run on the host's threads and on the library's own, and may run while the
+ *     library holds its locks (the control lock around stateChange, for example): a callback
+ *     must not call back into the library.
  */
 #ifndef KYRLIB_KYRLIB_H
 #define KYRLIB_KYRLIB_H
@@ -129,8 +150,8 @@ typedef struct {
 typedef void (*KyrHttpResponseCallBack)(KyrHttpResponse* response,
                                         KyrHttpResponseContext* passback);
 
-/* The host's callback table. Members marked required in the documentation must be set;
- * kyrCreate fills the connector members and alarm_ex with built-in defaults when NULL. */
+/* The host's callback table. The members of convention 6 must be set; kyrCreate fills the
+ * connector members and alarm_ex with built-in defaults when NULL. */
 typedef struct {
   int version;
   struct {
@@ -232,8 +253,11 @@ KYR_EXPORT void kyrControlUnlock(void);
 /* A web-server-level custom property (an optional "cp.vq." prefix is dropped); it wins over the
  * cell-level value, and clearing it (value NULL) restores the cell value. True for a known name. */
 KYR_EXPORT Boolean kyrSetServerCustomProperty(Kyr* kyr, const char* name, const char* value);
-/* Applies one property; returns the property's canonical name, or NULL for an unknown name or
- * a refused value. */
+/* Applies one property and keeps a copy of its value under its name, where the parts that read
+ * properties find it; names outside the library's own table are kept too (the affinity defaults
+ * "HttpSessionAffinityPolicyDescriptor", "TarnwickSessionCookieName", "HttpSessionCookies").
+ * Returns the canonical name of a name in the table, or NULL for another name or a refused
+ * value (which keeps the previous one). */
 KYR_EXPORT const char* kyrSetProperty(Kyr* kyr, const char* name, const char* value);
 KYR_EXPORT void kyrSetServerName(Kyr* kyr, const char* name);
 KYR_EXPORT void kyrSetPPID(Kyr* kyr, const char* ppid);
@@ -295,7 +319,8 @@ KYR_EXPORT int64_t kyrHandleJsonFromRestService(const char* text, KyrConnector* 
  * What the library knows now: "applications" and "clusters" of the current routing data,
  * "version" (the build level) and "connectorGroups". kyrToJSON returns a new reference; the
  * text forms are allocated with malloc and freed by the caller with free(). The query string
- * of kyrGetStateInfo is accepted for the host's convenience and not used. */
+ * of kyrGetStateInfo is accepted for the host's convenience and not used. A handle destroyed
+ * while the host still holds a reference reports without "applications" and "clusters". */
 KYR_EXPORT struct json_t* kyrToJSON(Kyr* kyr);
 KYR_EXPORT char* kyrToJSONString(Kyr* kyr);
 KYR_EXPORT char* kyrGetStateInfo(Kyr* kyr, const char* queryString);
@@ -362,8 +387,8 @@ KYR_EXPORT KyrTargetEndpoint* kyrHttpContextWaitForRollout(KyrHttpContext* ctx);
 /* The host's progress reports. After CONNECT_FAILURE, REQUEST_SEND_ERROR, RESPONSE_READ_ERROR
  * or RESPONSE_TIMEOUT the next kyrHttpContextGetTargetEndpoint chooses another server;
  * RESPONSE_ARRIVED runs the response processing. msg is not copied. */
-KYR_EXPORT void kyrHttpContextSetState(KyrHttpContext* ctx, KyrHttpContextState state,
-                                       int subState, const char* msg);
+KYR_EXPORT void kyrHttpContextSetState(KyrHttpContext* ctx, KyrHttpContextState state, int subState,
+                                       const char* msg);
 KYR_EXPORT void kyrHttpContextResetMyTargetInfo(KyrHttpContext* ctx);
 /* The name of the chosen endpoint's server, or NULL. */
 KYR_EXPORT const char* kyrHttpContextGetTargetEndpointServerName(KyrHttpContext* ctx);
