@@ -7,12 +7,12 @@
 #include <string>
 #include <vector>
 
+#include "benchHost.h"
 #include "core/kyrRoutingInfo.h"
 #include "kyrlib.h"
 #include "mapping/URIMatcher.h"
 #include "mapping/kyrRequestMapper.h"
 #include "mapping/kyrURLMatcher.h"
-#include "benchHost.h"
 #include "runtime/kyrLibUtil.h"
 
 namespace {
@@ -79,6 +79,7 @@ void BM_URIMatch(benchmark::State& state) {
       ++registered;
     }
   }
+  kyr::URIMatcherPublish(matcher);
   const std::vector<std::string> paths = requestPaths(kApps, 4096);
   for (const std::string& p : paths) {
     if (p.size() != 30) state.SkipWithError(("path not 30 bytes: " + p).c_str());
@@ -123,6 +124,7 @@ void BM_MatchLongestURI(benchmark::State& state) {
         kyr::kyrFree(pattern);
       }
     }
+    kyr::URIMatcherPublish(kyr::getURIMatcher(group));
   }
   std::vector<std::string> hosts;
   std::vector<std::string> paths;

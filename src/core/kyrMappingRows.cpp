@@ -31,19 +31,13 @@ void webModuleDelete(void* obj) {
 }
 
 // URIs are added to their module and stored as no object of their own; the reader reports the
-// missing object, which publishers have always seen.
+// missing object, which publishers have always seen. Only publishers that escape slashes in
+// values (rest version above 0) send URIs whose value can be read back.
 void* uriCreate(void* wm, const char* fullName, KyrConnector* c, KyrRoutingInfo*) {
-  int64_t restVersion = c != nullptr ? c->restVersion : -1;
-  char* parentName =
-      restVersion < 0 ? kyrHackGetParentName(fullName) : kyrGetParentName(fullName);
-  char* parentType = kyrNameGetType(parentName);
-  if (parentType != nullptr && strcmp(parentType, "webModule") == 0 && restVersion > 0) {
-    char* uri = kyrNameGetValue(fullName, false);
-    rmWebModuleAddUri(static_cast<WebModule*>(wm), uri);
-    kyrFree(uri);
-  }
-  kyrFree(parentType);
-  kyrFree(parentName);
+  if (c == nullptr || c->restVersion <= 0) return nullptr;
+  char* uri = kyrNameGetValue(fullName, false);
+  rmWebModuleAddUri(static_cast<WebModule*>(wm), uri);
+  kyrFree(uri);
   return nullptr;
 }
 
@@ -55,9 +49,10 @@ RequestMapper* mapperOf(VHostMatcher* group) {
   return kyrRoutingInfoGetRequestMapper(vhostMatcherGetRoutingInfo(group));
 }
 
-void vHostGroupInit(void* obj) {
+bool vHostGroupInit(void* obj) {
   auto* group = static_cast<VHostMatcher*>(obj);
   rmAddVHostMatcher(mapperOf(group), group);
+  return true;
 }
 
 void vHostGroupDelete(void* obj) {
@@ -80,7 +75,9 @@ const ObjectHandler kApplicationRow = {"application",
                                        Untyped<rmApplicationSetPropBool>::call,
                                        Untyped<rmApplicationSetPropNull>::call,
                                        nullptr,
-                                       Untyped<rmApplicationDelete>::call};
+                                       Untyped<rmApplicationDelete>::call,
+                                       {},
+                                       true};
 
 const ObjectHandler kWebModuleRow = {"webModule",
                                      ParentMandatory,
@@ -90,14 +87,15 @@ const ObjectHandler kWebModuleRow = {"webModule",
                                      Untyped<rmWebModuleSetPropInt>::call,
                                      Untyped<rmWebModuleSetPropBool>::call,
                                      nullptr,
-                                     Untyped<rmWebModuleInit>::call,
-                                     webModuleDelete};
+                                     initKeeping<rmWebModuleInit>,
+                                     webModuleDelete,
+                                     {"application"}};
 
-const ObjectHandler kUriRow = {"uri",   ParentMandatory, true,    uriCreate, nullptr, nullptr,
-                               nullptr, nullptr,         nullptr, nullptr};
+const ObjectHandler kUriRow = {"uri",   ParentMandatory, true,    uriCreate, nullptr,      nullptr,
+                               nullptr, nullptr,         nullptr, nullptr,   {"webModule"}};
 
-const ObjectHandler kVHostGroupRow = {"vHostGroup", RoutingInfo, true,           vHostGroupCreate,
-                                      nullptr,      nullptr,     nullptr,        nullptr,
+const ObjectHandler kVHostGroupRow = {"vHostGroup",   RoutingInfo,     true,    vHostGroupCreate,
+                                      nullptr,        nullptr,         nullptr, nullptr,
                                       vHostGroupInit, vHostGroupDelete};
 
 const ObjectHandler kVHostRow = {"vHost",
@@ -108,8 +106,9 @@ const ObjectHandler kVHostRow = {"vHost",
                                  Untyped<rmVHostEntrySetPropInt>::call,
                                  nullptr,
                                  nullptr,
-                                 Untyped<rmVHostEntryInit>::call,
-                                 Untyped<kyrVHostDelete>::call};
+                                 initKeeping<rmVHostEntryInit>,
+                                 Untyped<kyrVHostDelete>::call,
+                                 {"vHostGroup"}};
 
 void linkClusterWebModule(void* cluster, void* webModule, bool add) {
   auto* c = static_cast<Cluster*>(cluster);

@@ -4,11 +4,12 @@
 
 #include <cstring>
 
-#include "core/kyrRoutingData.h"
 #include "core/kyrMappingRows.h"
+#include "core/kyrRoutingData.h"
 #include "core/kyrRuleRows.h"
 #include "core/kyrTargetModelRows.h"
 #include "runtime/kyrLibUtil.h"
+#include "trace/trWrite.h"
 
 namespace kyr {
 namespace {
@@ -16,7 +17,12 @@ namespace {
 // ---- cell: the version records it; its "cp." properties are the cell's custom properties.
 
 void* cellCreate(void*, const char* fullName, KyrConnector*, KyrRoutingInfo* ri) {
-  if (ri->cell != nullptr) cellDelete(ri->cell);
+  // A version knows one cell; a second one's custom properties would fight the first one's.
+  if (ri->cell != nullptr) {
+    trDebug(ri->kyr->trCtx, ri->kyr->processRec, "skip cell %s; this version has the cell %s\n",
+            fullName, ri->cell->name);
+    return nullptr;
+  }
   auto* cell = kyrNew<Cell>();
   *cell = Cell{kyrStrdup(fullName), ri->kyr, ri};
   ri->cell = cell;
@@ -33,16 +39,16 @@ bool cellSetPropNull(void* obj, const char* name) { return cellSetPropStr(obj, n
 
 void cellDeleteObject(void* obj) { cellDelete(static_cast<Cell*>(obj)); }
 
-const ObjectHandler kCellRow = {"cell",   RoutingInfo,     false,   cellCreate,
-                                cellSetPropStr, nullptr, nullptr, cellSetPropNull,
-                                nullptr,       cellDeleteObject};
+const ObjectHandler kCellRow = {"cell",         RoutingInfo,     false,   cellCreate,
+                                cellSetPropStr, nullptr,         nullptr, cellSetPropNull,
+                                nullptr,        cellDeleteObject};
 
 // Pointers, so rows defined with their modules need no cross-file initialisation order.
 const ObjectHandler* const kObjectHandlers[] = {
-    &kCellRow,        &kNodeRow,      &kServerRow,     &kServerApplicationRow,
-    &kTransportRow,   &kClusterRow,   &kApplicationRow, &kWebModuleRow,
-    &kUriRow,         &kVHostGroupRow, &kVHostRow,      &kWebRouteWorkClassRow,
-    &kRuleRow,        &kRuleSetRow,
+    &kCellRow,      &kNodeRow,       &kServerRow,      &kServerApplicationRow,
+    &kTransportRow, &kClusterRow,    &kApplicationRow, &kWebModuleRow,
+    &kUriRow,       &kVHostGroupRow, &kVHostRow,       &kWebRouteWorkClassRow,
+    &kRuleRow,      &kRuleSetRow,
 };
 
 const RelationshipHandler kRelationshipHandlers[] = {

@@ -24,8 +24,15 @@ struct ObjectHandler {
   bool (*setPropInt)(void* obj, const char* name, int value);
   bool (*setPropBool)(void* obj, const char* name, bool value);
   bool (*setPropNull)(void* obj, const char* name);
-  void (*init)(void* obj);
+  // False drops the object: it leaves the version again, through delete_.
+  bool (*init)(void* obj);
   void (*delete_)(void* obj);
+  // The types a parent may have; the parent is found by name, so a document could put the
+  // object under anything. Empty: the version is the parent.
+  const char* parentTypes[2] = {};
+  // Deleting the object takes its descendants with it, so they leave the object map first,
+  // each through its own row.
+  bool deletesDescendants = false;
 };
 
 // Row adapters: turn `R F(T*, A...)` into `R call(void*, A...)`, the shape the reader calls.
@@ -36,10 +43,12 @@ struct Untyped<F> {
   static R call(void* obj, A... args) { return F(static_cast<T*>(obj), args...); }
 };
 
-// For init functions whose result only their module's own callers need.
+// For init functions that always keep their object (whatever their result means to their
+// module's own callers).
 template <auto F>
-void initIgnoringResult(void* obj) {
+bool initKeeping(void* obj) {
   Untyped<F>::call(obj);
+  return true;
 }
 
 struct RelationshipHandler {

@@ -4,12 +4,17 @@
 // Problems inside a document skip only the object or relationship concerned.
 #include "core/kyrRoutingData.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "connector/kyrConnectorGroup.h"
 #include "core/kyrObjectHandlers.h"
 #include "core/kyrStoredDocument.h"
+#include "mapping/kyrRequestMapper.h"
 #include "runtime/kyrLibUtil.h"
 #include "runtime/kyrUtil.h"
 #include "trace/trWrite.h"
@@ -76,7 +81,9 @@ void setProperty(ParseInfo& pi, const ObjectHandler* h, void* obj, const char* f
         return;
       }
       ok = h->setPropStr(obj, name, json_string_value(value));
-      if (!ok) trDebug(pi.trCtx, pi.trRec, "failed to set string property %s on object %s\n", name, fullName);
+      if (!ok)
+        trDebug(pi.trCtx, pi.trRec, "failed to set string property %s on object %s\n", name,
+                fullName);
       return;
     case JSON_INTEGER:
       if (h->setPropInt == nullptr) {
@@ -87,7 +94,9 @@ void setProperty(ParseInfo& pi, const ObjectHandler* h, void* obj, const char* f
         return;
       }
       ok = h->setPropInt(obj, name, static_cast<int>(json_integer_value(value)));
-      if (!ok) trDebug(pi.trCtx, pi.trRec, "failed to set integer property %s on object %s\n", name, fullName);
+      if (!ok)
+        trDebug(pi.trCtx, pi.trRec, "failed to set integer property %s on object %s\n", name,
+                fullName);
       return;
     case JSON_TRUE:
     case JSON_FALSE:
@@ -99,7 +108,9 @@ void setProperty(ParseInfo& pi, const ObjectHandler* h, void* obj, const char* f
         return;
       }
       ok = h->setPropBool(obj, name, json_is_true(value));
-      if (!ok) trDebug(pi.trCtx, pi.trRec, "failed to set kyr_boolean property %s on object %s\n", name, fullName);
+      if (!ok)
+        trDebug(pi.trCtx, pi.trRec, "failed to set kyr_boolean property %s on object %s\n", name,
+                fullName);
       return;
     case JSON_NULL:
       if (h->setPropNull == nullptr) {
@@ -110,7 +121,9 @@ void setProperty(ParseInfo& pi, const ObjectHandler* h, void* obj, const char* f
       }
       ok = h->setPropNull(obj, name);
       // A failing null setter deliberately reuses the string wording.
-      if (!ok) trDebug(pi.trCtx, pi.trRec, "failed to set string property %s on object %s\n", name, fullName);
+      if (!ok)
+        trDebug(pi.trCtx, pi.trRec, "failed to set string property %s on object %s\n", name,
+                fullName);
       return;
     default:
       trDebug(pi.trCtx, pi.trRec, "unknown type for property %s on object %s\n", name, fullName);
@@ -131,26 +144,54 @@ void applyProperties(ParseInfo& pi, const ObjectHandler* h, void* obj, const cha
   }
 }
 
+ObjectWrapper* wrapperOf(const ParseInfo& pi, const char* fullName) {
+  return static_cast<ObjectWrapper*>(kyrHashGet(pi.ri->objectMap, fullName));
+}
+
+bool parentTypeAllowed(const ObjectHandler* h, const char* parentType) {
+  for (const char* allowed : h->parentTypes) {
+    if (allowed != nullptr && strcmp(allowed, parentType) == 0) return true;
+  }
+  return h->parentTypes[0] == nullptr;
+}
+
+// The parent object an "add" names, or null when the object must be skipped.
+void* findParent(ParseInfo& pi, const ObjectHandler* h, const char* fullName) {
+  char* parentName = parentNameOf(pi, fullName);
+  if (parentName == nullptr) {
+    trDebug(pi.trCtx, pi.trRec, "no parent name for %s\n", fullName);
+    return nullptr;
+  }
+  ObjectWrapper* parent = wrapperOf(pi, parentName);
+  kyrFree(parentName);
+  if (parent == nullptr) {
+    trDebug(pi.trCtx, pi.trRec, "parent for %s was not found\n", fullName);
+    return nullptr;
+  }
+  // Every row casts its parent to the type it expects.
+  if (!parentTypeAllowed(h, parent->handler->objectType)) {
+    trDebug(pi.trCtx, pi.trRec, "skip %s object %s; its parent %s is of type %s\n", h->objectType,
+            fullName, parent->name, parent->handler->objectType);
+    return nullptr;
+  }
+  return parent->object;
+}
+
 // Creates the object of an "add" and stores it in the version; null when it was skipped.
 void* addObject(ParseInfo& pi, const ObjectHandler* h, const char* fullName) {
   if (kyrHashGet(pi.ri->objectMap, fullName) != nullptr) {
-    trDebug(pi.trCtx, pi.trRec, "failed to add %s object which already exists: %s\n",
-            h->objectType, fullName);
+    trDebug(pi.trCtx, pi.trRec, "failed to add %s object which already exists: %s\n", h->objectType,
+            fullName);
     return nullptr;
   }
   void* parent = pi.ri;
-  if (h->parmType != RoutingInfo) {
+  if (h->parmType == ParentMandatory) {
+    parent = findParent(pi, h, fullName);
+    if (parent == nullptr) return nullptr;
+  } else if (h->parmType == ParentOptional) {
     char* parentName = parentNameOf(pi, fullName);
-    if (parentName == nullptr && h->parmType == ParentMandatory) {
-      trDebug(pi.trCtx, pi.trRec, "no parent name for %s\n", fullName);
-      return nullptr;
-    }
     parent = parentName != nullptr ? kyrRoutingInfoObjectGet(pi.ri, parentName) : nullptr;
     kyrFree(parentName);
-    if (parent == nullptr && h->parmType == ParentMandatory) {
-      trDebug(pi.trCtx, pi.trRec, "parent for %s was not found\n", fullName);
-      return nullptr;
-    }
   }
   void* obj = h->create != nullptr ? h->create(parent, fullName, pi.c, pi.ri) : nullptr;
   if (obj == nullptr) {
@@ -163,14 +204,37 @@ void* addObject(ParseInfo& pi, const ObjectHandler* h, const char* fullName) {
   return obj;
 }
 
+void removeAndDelete(ParseInfo& pi, ObjectWrapper* wrapper) {
+  kyrHashPut(pi.ri->objectMap, wrapper->name, nullptr);
+  objectWrapperDelete(wrapper);
+}
+
+// The objects stored under the name, deepest first, each deleted through its own row so that
+// nothing in the map names what the parent's delete takes away.
+void deleteDescendants(ParseInfo& pi, const char* fullName) {
+  std::string prefix = std::string(fullName) + "/";
+  std::vector<ObjectWrapper*> descendants;
+  KyrHashIterator it;
+  kyrHashIteratorStart(pi.ri->objectMap, &it);
+  while (kyrHashNext(&it) != nullptr) {
+    if (strncmp(kyrHashThisKey(&it), prefix.c_str(), prefix.size()) == 0) {
+      descendants.push_back(static_cast<ObjectWrapper*>(kyrHashThisVal(&it)));
+    }
+  }
+  // A descendant's name extends its ancestors' names, so longer names go first.
+  std::sort(descendants.begin(), descendants.end(),
+            [](ObjectWrapper* a, ObjectWrapper* b) { return strlen(a->name) > strlen(b->name); });
+  for (ObjectWrapper* wrapper : descendants) removeAndDelete(pi, wrapper);
+}
+
 void deleteObject(ParseInfo& pi, const ObjectHandler* h, const char* fullName) {
   pi.resetRoutingInfo |= h->requiresRoutingInfoReset;
   if (pi.jsonToUpdate != nullptr) deltaObjectsDelete(pi.jsonToUpdate, fullName, storedTrace(pi));
   if (!pi.callObjectHandlers) return;
-  auto* wrapper = static_cast<ObjectWrapper*>(kyrHashGet(pi.ri->objectMap, fullName));
+  ObjectWrapper* wrapper = wrapperOf(pi, fullName);
   if (wrapper == nullptr) return;
-  kyrHashPut(pi.ri->objectMap, fullName, nullptr);
-  objectWrapperDelete(wrapper);
+  if (wrapper->handler->deletesDescendants) deleteDescendants(pi, fullName);
+  removeAndDelete(pi, wrapper);
 }
 
 void jsonHandleObjects(ParseInfo& pi, json_t* node, const char* parentName, int depth);
@@ -239,7 +303,11 @@ void jsonHandleObject(ParseInfo& pi, json_t* node, const char* parentName, int d
   applyProperties(pi, h, obj, fullName, json_object_get(node, "props"));
   if (created && h->init != nullptr) {
     trDebug(pi.trCtx, pi.trRec, "initializing object type=%s, name=%s\n", type, fullName);
-    h->init(obj);
+    if (!h->init(obj)) {
+      removeAndDelete(pi, wrapperOf(pi, fullName));
+      kyrFree(fullName);
+      return;
+    }
   }
   if (children != nullptr) jsonHandleObjects(pi, children, fullName, depth + 1);
   kyrFree(fullName);
@@ -275,18 +343,26 @@ void jsonHandleRelationship(ParseInfo& pi, const RelationshipHandler* h, const c
             "reload the URL matcher\n");
   }
   if (!pi.callObjectHandlers) return;
-  void* a = kyrRoutingInfoObjectGet(pi.ri, name1);
-  void* b = kyrRoutingInfoObjectGet(pi.ri, name2);
+  ObjectWrapper* a = wrapperOf(pi, name1);
+  ObjectWrapper* b = wrapperOf(pi, name2);
   if (a == nullptr || b == nullptr) {
     trDebug(pi.trCtx, pi.trRec, "skip relationship %s; object %s not found\n", key,
             a == nullptr ? name1 : name2);
     return;
   }
+  // The link functions cast each end to the type the key names.
+  for (auto [end, type] : {std::pair{a, type1}, std::pair{b, type2}}) {
+    if (strcmp(end->handler->objectType, type) != 0) {
+      trDebug(pi.trCtx, pi.trRec, "skip relationship %s; object %s is of type %s\n", key, end->name,
+              end->handler->objectType);
+      return;
+    }
+  }
   if (pi.op == SetOp) {
     trDebug(pi.trCtx, pi.trRec, "unexpected %s operation in %s relationship\n", pi.opName, key);
     return;
   }
-  h->link(a, b, pi.op == AddOp);
+  h->link(a->object, b->object, pi.op == AddOp);
 }
 
 void jsonHandleRelationships(ParseInfo& pi, json_t* relationships) {
@@ -371,6 +447,8 @@ int64_t jsonHandle(ParseInfo& pi, json_t* doc) {
     pi.opName = op.name;
     jsonHandleOp(pi, json_object_get(doc, op.name));
   }
+  // What the document put into URI patterns reaches requests together, now.
+  if (pi.callObjectHandlers) rmPublish(kyrRoutingInfoGetRequestMapper(pi.ri));
   if (pi.c != nullptr) kyrConnectorSetProcessingJSON(pi.c, false);
   return version;
 }
@@ -467,19 +545,21 @@ int64_t kyrHandleJson(json_t* doc, const char* docText, KyrConnector* c) {
       pi.resetRoutingInfo = true;
     }
     if (kyrIsStandaloneProcess(kyr)) {
-      if (pi.resetRoutingInfo) {
-        kyrResetRoutingInfo(kyr);
-      } else {
+      if (!pi.resetRoutingInfo) {
         // The first pass only brought the stored document up to date; now change the model.
         ParseInfo apply = parseInfoFor(ri, c);
         apply.callObjectHandlers = true;
         jsonHandle(apply, doc);
       }
+      // A version that took many in-place changes holds what they retired until its last
+      // request goes; a fresh one lets that memory go.
+      if (pi.resetRoutingInfo || kyrRoutingInfoRetiredTooMuch(ri)) kyrResetRoutingInfo(kyr);
     }
   }
   json_decref(doc);  // a complete document stays with its connector through its own reference
-  trDebug(kyr->trCtx, kyr->processRec, "Finished processing JSON from %s, new version ID is '%lld'\n",
-          c->URL, static_cast<long long>(version));
+  trDebug(kyr->trCtx, kyr->processRec,
+          "Finished processing JSON from %s, new version ID is '%lld'\n", c->URL,
+          static_cast<long long>(version));
   return version;
 }
 

@@ -3,6 +3,8 @@
 // while any request still routes with it.
 #include "core/kyrRoutingInfo.h"
 
+#include <cstring>
+
 #include "connector/kyrConnector.h"
 #include "connector/kyrConnectorGroup.h"
 #include "core/kyrObjectHandlers.h"
@@ -10,14 +12,29 @@
 #include "core/kyrRuleRows.h"
 #include "mapping/kyrRequestMapper.h"
 #include "runtime/kyrLibUtil.h"
+#include "runtime/kyrPublish.h"
 #include "selection/kyrTargetSelector.h"
 #include "trace/trWrite.h"
 
 namespace kyr {
 namespace {
 
+struct RetiredBlock {
+  void* object;
+  RetiredFreeFcn freeFn;
+};
+
+void retiredBlockFree(void* p) {
+  auto* block = static_cast<RetiredBlock*>(p);
+  block->freeFn(block->object);
+  kyrDelete(block);
+}
+
 void routingInfoDelete(KyrRoutingInfo* ri) {
   Kyr* kyr = ri->kyr;
+  // Retired memory first: it is self-contained, while the owners below free what it could
+  // still name.
+  kyrListDestroy(ri->retired);
   // Objects are freed by their owners (selector, mapper); the map frees only its wrappers.
   kyrHashMapSetDestructor(ri->objectMap, objectWrapperFree);
   kyrHashMapDestroy(ri->objectMap);
@@ -38,6 +55,7 @@ KyrRoutingInfo* kyrRoutingInfoCreate(Kyr* kyr) {
   ri->objectMap = kyrHashMapCreate2(objectWrapperDelete);
   ri->ruleParents = kyrListCreate(ruleParentFree);
   ri->traceRuleSets = kyrListCreate(nullptr);  // the sets go with their wrappers
+  ri->retired = kyrListCreate(retiredBlockFree);
   ri->requestMapper = rmCreate(ri);
   ri->targetSelector = tsCreate(ri);
   ri->refCount = 1;  // the handle's hold
@@ -99,6 +117,30 @@ void kyrRoutingInfoRelease(KyrRoutingInfo* ri) {
 RequestMapper* kyrRoutingInfoGetRequestMapper(KyrRoutingInfo* ri) { return ri->requestMapper; }
 TargetSelector* kyrRoutingInfoGetTargetSelector(KyrRoutingInfo* ri) { return ri->targetSelector; }
 Kyr* kyrRoutingInfoGetKyr(KyrRoutingInfo* ri) { return ri->kyr; }
+
+void kyrRoutingInfoRetire(KyrRoutingInfo* ri, void* object, RetiredFreeFcn freeFn, size_t bytes) {
+  if (object == nullptr) return;
+  if (ri == nullptr || ri->retired == nullptr) {
+    freeFn(object);
+    return;
+  }
+  auto* block = kyrNew<RetiredBlock>();
+  *block = RetiredBlock{object, freeFn};
+  kyrListAddTail(ri->retired, block);
+  ri->retiredBytes += bytes;
+}
+
+void kyrRoutingInfoReplaceText(KyrRoutingInfo* ri, char** slot, const char* value) {
+  char* old = kyrPublishExchange(*slot, value != nullptr ? kyrStrdup(value) : nullptr);
+  if (old != nullptr) {
+    kyrRoutingInfoRetire(
+        ri, old, [](void* text) { kyrFree(text); }, strlen(old) + 1);
+  }
+}
+
+bool kyrRoutingInfoRetiredTooMuch(const KyrRoutingInfo* ri) {
+  return ri->retiredBytes > kMaxRetiredBytes;
+}
 
 void* kyrRoutingInfoObjectGet(KyrRoutingInfo* ri, const char* fullName) {
   auto* wrapper = static_cast<ObjectWrapper*>(kyrHashGet(ri->objectMap, fullName));

@@ -31,7 +31,27 @@ struct KyrRoutingInfo {
   // This web server's trace rule sets ("vqTraceSpecs"), which requests holding this version
   // consult for their trace specification. Guarded by the lock of kyr->requestTraceRules.
   KyrList* traceRuleSets;
+  // What in-place changes took out of the model while requests holding this version may still
+  // read it (deleted modules and applications, replaced texts, arrays and tree nodes): freed
+  // with the version. Changed only by document application, under the control lock.
+  KyrList* retired;  // of RetiredBlock
+  size_t retiredBytes;
 };
+
+// Past this much retired memory a version is rebuilt, so a long-lived version's memory stays
+// bounded however many in-place changes it takes.
+inline constexpr size_t kMaxRetiredBytes = 4 * 1024 * 1024;
+
+using RetiredFreeFcn = void (*)(void* object);
+
+// Keeps the object until the version goes, then frees it with freeFn. `bytes` is an estimate
+// for the rebuild bound. A version that is not a live one (a matcher built on its own by the
+// self-test or a unit test) has no readers to wait for and frees at once.
+void kyrRoutingInfoRetire(KyrRoutingInfo* ri, void* object, RetiredFreeFcn freeFn, size_t bytes);
+// Replaces a counted text that requests read without a lock: publishes a copy of value (null
+// allowed) and retires the old text.
+void kyrRoutingInfoReplaceText(KyrRoutingInfo* ri, char** slot, const char* value);
+bool kyrRoutingInfoRetiredTooMuch(const KyrRoutingInfo* ri);
 
 KyrRoutingInfo* kyrRoutingInfoCreate(Kyr* kyr);
 void kyrRoutingInfoPopulate(KyrRoutingInfo* ri);

@@ -37,17 +37,6 @@ TraceRuleSet* traceSetOf(void* obj) {
   return static_cast<TraceRuleSet*>(kyrRuleParentWrapperGetObject(wrapperOf(obj)));
 }
 
-// Parents are found by name, so a document may put an object under any type; the casts below
-// are only safe under the expected one.
-bool parentTypeIs(const char* fullName, const char* type) {
-  char* parentName = kyrGetParentName(fullName);
-  char* parentType = parentName != nullptr ? kyrNameGetType(parentName) : nullptr;
-  bool is = parentType != nullptr && strcmp(parentType, type) == 0;
-  kyrFree(parentType);
-  kyrFree(parentName);
-  return is;
-}
-
 // Wrappers are kept by the version: the objects they wrap are freed by their owners.
 KyrRuleParentWrapper* keptWrapper(KyrRoutingInfo* ri, void* object, KyrRuleParentWrapperType type) {
   KyrRuleParentWrapper* wrapper = kyrRuleParentWrapperCreate(object, type);
@@ -58,7 +47,6 @@ KyrRuleParentWrapper* keptWrapper(KyrRoutingInfo* ri, void* object, KyrRuleParen
 // ---- webRouteWorkClass
 
 void* workClassCreate(void* app, const char* fullName, KyrConnector*, KyrRoutingInfo* ri) {
-  if (!parentTypeIs(fullName, "application")) return nullptr;
   return keptWrapper(ri, rmWebRouteWorkClassCreate(static_cast<Application*>(app), fullName),
                      KYRRULEPARENTTYPE_WEBROUTEWORKCLASS);
 }
@@ -72,7 +60,10 @@ bool workClassSetPropInt(void* obj, const char* name, int value) {
 bool workClassSetPropBool(void* obj, const char* name, bool value) {
   return rmWebRouteWorkClassSetPropBool(workClassOf(obj), name, value);
 }
-void workClassInit(void* obj) { rmWebRouteWorkClassInit(workClassOf(obj)); }
+bool workClassInit(void* obj) {
+  rmWebRouteWorkClassInit(workClassOf(obj));
+  return true;
+}
 
 void workClassDelete(void* obj) {
   rmWebRouteWorkClassDelete(workClassOf(obj));
@@ -91,7 +82,6 @@ bool isThisServer(Kyr* kyr, const char* serverName) {
 }
 
 void* ruleSetCreate(void* server, const char* fullName, KyrConnector*, KyrRoutingInfo* ri) {
-  if (!parentTypeIs(fullName, "server")) return nullptr;
   Kyr* kyr = kyrRoutingInfoGetKyr(ri);
   const char* serverName = tsServerGetName(static_cast<TargetServer*>(server));
   if (strstr(fullName, "vqTraceSpecs") == nullptr || !isThisServer(kyr, serverName)) {
@@ -124,8 +114,8 @@ void ruleSetDelete(void* obj) {
 // ---- rule
 
 void* ruleCreate(void* parent, const char* fullName, KyrConnector*, KyrRoutingInfo*) {
-  bool underWorkClass = parentTypeIs(fullName, "webRouteWorkClass");
-  if (!underWorkClass && !parentTypeIs(fullName, "ruleSet")) return nullptr;
+  bool underWorkClass =
+      kyrRuleParentWrapperGetType(wrapperOf(parent)) == KYRRULEPARENTTYPE_WEBROUTEWORKCLASS;
   if (kyrRuleParentWrapperGetObject(wrapperOf(parent)) == nullptr) return nullptr;  // deleted
   if (underWorkClass) {
     char* shortName = kyrNameGetValue(fullName, false);
@@ -175,7 +165,7 @@ bool ruleSetPropStr(void* obj, const char* name, const char* value) {
   }
 }
 
-void ruleInitObject(void* obj) { kyrRuleInit(static_cast<KyrRule*>(obj)); }
+bool ruleInitObject(void* obj) { return kyrRuleInit(static_cast<KyrRule*>(obj)); }
 
 void ruleDelete(void* obj) {
   auto* rule = static_cast<KyrRule*>(obj);
@@ -197,37 +187,54 @@ void ruleParentFree(void* p) {
   kyrRuleParentWrapperDestroy(wrapper);
 }
 
-void kyrRuleInit(KyrRule* rule) {
+bool kyrRuleInit(KyrRule* rule) {
   KyrRules* rules = kyrRuleGetRules(rule);
   Kyr* kyr = kyrRulesGetKyr(rules);
-  // A control trace rule acted when its action was set; like a rule without action it is kept
-  // in the set, which owns it, without an expression, so it never matches.
-  if (kyrRuleGetObject(rule) == nullptr) {
-    if (kyrRuleGetType(rule) != KYRRULETYPE_CONTROLTRACE) {
-      const char* text = kyrRuleGetExpressionString(rule);
-      trDebug(kyr->trCtx, kyr->processRec,
-              "kyrRuleInit: rule='%s' has no action. It will be ignored.\n",
-              text != nullptr ? text : "null");
-    }
+  if (kyrRuleGetType(rule) == KYRRULETYPE_CONTROLTRACE) {
+    // It acted when its action was set; the set keeps it without an expression, so it never
+    // matches a request.
     kyrRuleSetExpr(rule, nullptr);
+  } else if (kyrRuleGetObject(rule) == nullptr) {
+    const char* text = kyrRuleGetExpressionString(rule);
+    trDebug(kyr->trCtx, kyr->processRec,
+            "kyrRuleInit: rule='%s' has no action. It will be ignored.\n",
+            text != nullptr ? text : "null");
+    return false;
   } else if (kyrRuleGetExpressionString(rule) == nullptr) {
     kyrRuleSetExpr(rule, "true");
     kyrRuleSetOrder(rule, kKyrRuleDefaultOrder);
   }
   kyrRulesInsertRule(rules, rule);
+  return true;
 }
 
-const ObjectHandler kWebRouteWorkClassRow = {"webRouteWorkClass", ParentMandatory, true,
-                                             workClassCreate,     workClassSetPropStr,
-                                             workClassSetPropInt, workClassSetPropBool,
-                                             nullptr,             workClassInit,
-                                             workClassDelete};
+const ObjectHandler kWebRouteWorkClassRow = {"webRouteWorkClass",
+                                             ParentMandatory,
+                                             true,
+                                             workClassCreate,
+                                             workClassSetPropStr,
+                                             workClassSetPropInt,
+                                             workClassSetPropBool,
+                                             nullptr,
+                                             workClassInit,
+                                             workClassDelete,
+                                             {"application"},
+                                             true};
 
-const ObjectHandler kRuleRow = {"rule",  ParentMandatory, false,          ruleCreate,
-                                ruleSetPropStr, nullptr,  nullptr,        nullptr,
-                                ruleInitObject, ruleDelete};
+const ObjectHandler kRuleRow = {"rule",
+                                ParentMandatory,
+                                false,
+                                ruleCreate,
+                                ruleSetPropStr,
+                                nullptr,
+                                nullptr,
+                                nullptr,
+                                ruleInitObject,
+                                ruleDelete,
+                                {"webRouteWorkClass", "ruleSet"}};
 
-const ObjectHandler kRuleSetRow = {"ruleSet", ParentMandatory, false,   ruleSetCreate, nullptr,
-                                   nullptr,   nullptr,         nullptr, nullptr,       ruleSetDelete};
+const ObjectHandler kRuleSetRow = {"ruleSet", ParentMandatory, false,     ruleSetCreate,
+                                   nullptr,   nullptr,         nullptr,   nullptr,
+                                   nullptr,   ruleSetDelete,   {"server"}};
 
 }  // namespace kyr

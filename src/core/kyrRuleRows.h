@@ -15,8 +15,8 @@ extern const ObjectHandler kRuleSetRow;
 // The version's list destructor for rule parents: frees the wrapper, and a trace rule set.
 void ruleParentFree(void* wrapper);
 
-// Makes a rule take part in matching: a rule without action is ignored (it can never match);
+// Makes a rule take part in matching: false for a rule without action, which its caller drops;
 // one without condition matches always and goes last ("true", order 999800).
-void kyrRuleInit(KyrRule* rule);
+bool kyrRuleInit(KyrRule* rule);
 
 }  // namespace kyr

@@ -61,18 +61,19 @@ KyrConnectorGroup* groupOf(KyrTargetEndpoint* tep) {
   return c != nullptr ? c->cg : nullptr;
 }
 
-void endPointInit(void* obj) {
+bool endPointInit(void* obj) {
   auto* tep = static_cast<KyrTargetEndpoint*>(obj);
   tsEndPointInit(tep);
   KyrConnectorGroup* cg = groupOf(tep);
-  if (cg == nullptr || !isPublisherPort(tep)) return;
+  if (cg == nullptr || !isPublisherPort(tep)) return true;
   std::string url = publisherURL(tep);
-  if (kyrConnectorGroupFindConnector(cg, url.c_str()) != nullptr) return;
+  if (kyrConnectorGroupFindConnector(cg, url.c_str()) != nullptr) return true;
   trDebug(cg->kyr->trCtx, cg->kyr->processRec,
           "kyrEndPointInit: A connector with URL %s is not present in the connector group %s, so "
           "creating it\n",
           url.c_str(), cg->name);
   kyrConnectorCreate2(cg, url.c_str());
+  return true;
 }
 
 void endPointDelete(void* obj) {
@@ -88,8 +89,8 @@ void endPointDelete(void* obj) {
 }  // namespace
 
 const ObjectHandler kNodeRow = {
-    "node", RoutingInfo, false, nodeCreate, Untyped<tsNodeSetPropStr>::call, nullptr, nullptr,
-    nullptr, nullptr, Untyped<tsNodeDelete>::call};
+    "node",  RoutingInfo, false,   nodeCreate, Untyped<tsNodeSetPropStr>::call,
+    nullptr, nullptr,     nullptr, nullptr,    Untyped<tsNodeDelete>::call};
 
 const ObjectHandler kServerRow = {"server",
                                   ParentMandatory,
@@ -99,8 +100,9 @@ const ObjectHandler kServerRow = {"server",
                                   Untyped<tsServerSetPropInt>::call,
                                   Untyped<tsServerSetPropBool>::call,
                                   Untyped<tsServerSetPropNull>::call,
-                                  initIgnoringResult<tsServerInit>,
-                                  Untyped<tsServerDelete>::call};
+                                  initKeeping<tsServerInit>,
+                                  Untyped<tsServerDelete>::call,
+                                  {"node"}};
 
 const ObjectHandler kServerApplicationRow = {"serverApplication",
                                              ParentMandatory,
@@ -110,8 +112,9 @@ const ObjectHandler kServerApplicationRow = {"serverApplication",
                                              Untyped<tsServerApplicationSetPropInt>::call,
                                              Untyped<tsServerApplicationSetPropBool>::call,
                                              nullptr,
-                                             Untyped<tsServerApplicationInit>::call,
-                                             Untyped<tsServerApplicationDelete>::call};
+                                             initKeeping<tsServerApplicationInit>,
+                                             Untyped<tsServerApplicationDelete>::call,
+                                             {"server"}};
 
 const ObjectHandler kTransportRow = {"transport",
                                      ParentMandatory,
@@ -122,7 +125,8 @@ const ObjectHandler kTransportRow = {"transport",
                                      Untyped<tsEndPointSetPropBool>::call,
                                      nullptr,
                                      endPointInit,
-                                     endPointDelete};
+                                     endPointDelete,
+                                     {"server"}};
 
 const ObjectHandler kClusterRow = {"cluster",
                                    RoutingInfo,

@@ -14,6 +14,7 @@
 #include "mapping/kyrRequestMapper.h"
 #include "mapping/mapTrace.h"
 #include "runtime/kyrLibUtil.h"
+#include "runtime/kyrPublish.h"
 #include "runtime/kyrUtil.h"
 #include "trace/trWrite.h"
 
@@ -31,59 +32,124 @@ void debugInternal(const char* fmt, Args... args) {
 
 enum class PatternKind { Exact, Prefix, Suffix };
 
-void nodeFree(void* object);
-void suffixFree(void* object);
+// Child arrays hold the pointers and, behind them, the first character of each child's name.
+Node** allocChildren(int count) {
+  size_t n = static_cast<size_t>(count);
+  return static_cast<Node**>(malloc(n * sizeof(Node*) + n + 1));
+}
 
-Node* nodeCreate(std::string_view name, int depth) {
+Node* nodeCreate(std::string_view name, unsigned epoch) {
   // One counted block: the node, then its name (kyrMalloc zero-fills, so it is terminated).
   auto* node = new (kyrMalloc(sizeof(Node) + name.size() + 1)) Node();
-  node->depth = depth;
   node->name = reinterpret_cast<char*>(node + 1);
   memcpy(node->name, name.data(), name.size());
   node->nameLen = static_cast<int>(name.size());
   node->origin = ORIGIN_UNSPECIFIED;
-  node->childList = kyrListCreate(nodeFree);
-  node->suffixList = kyrListCreate(suffixFree);
+  node->epoch = epoch;
   return node;
 }
 
-void nodeFree(void* object) {
+Suffix* suffixCreate(Node* node, const char* text, void* target) {
+  auto* suffix = kyrNew<Suffix>();
+  suffix->node = node;
+  suffix->suffix = kyrStrdup(text);
+  suffix->suffixLen = static_cast<int>(strlen(text));
+  suffix->target = target;
+  return suffix;
+}
+
+// The node alone: its block, its child array and its suffixes, not the children.
+void nodeFreeShallow(void* object) {
   auto* node = static_cast<Node*>(object);
-  kyrListDestroy(node->childList);
-  kyrListDestroy(node->suffixList);
-  free(node->children);
+  for (Suffix** s = node->suffixes; s != nullptr && *s != nullptr; ++s) {
+    kyrFree((*s)->suffix);
+    kyrDelete(*s);
+  }
   free(node->suffixes);
+  free(node->children);
   kyrFree(node);
 }
 
-void suffixFree(void* object) {
-  auto* suffix = static_cast<Suffix*>(object);
-  kyrFree(suffix->suffix);
-  kyrDelete(suffix);
+void nodeFreeDeep(Node* node) {
+  for (int i = 0; i < node->childCount; ++i) nodeFreeDeep(node->children[i]);
+  nodeFreeShallow(node);
 }
 
-void rebuildChildren(Node* node) {
-  free(node->children);
-  size_t count = static_cast<size_t>(kyrListGetCount(node->childList));
-  node->children = static_cast<Node**>(malloc(count * sizeof(Node*) + count));
-  node->childFirstChars = reinterpret_cast<char*>(node->children + count);
-  node->childCount = static_cast<int>(count);
-  int i = 0;
-  for (KyrListEle* ele = kyrListGetHead(node->childList); ele != nullptr;
-       ele = kyrListGetNext(ele), ++i) {
-    node->children[i] = static_cast<Node*>(kyrListEleGetObject(ele));
-    node->childFirstChars[i] = node->children[i]->name[0];
+size_t nodeBytes(const Node* node) {
+  return sizeof(Node) + static_cast<size_t>(node->nameLen) + 1 +
+         static_cast<size_t>(node->childCount) * (sizeof(Node*) + 1);
+}
+
+// A copy that shares the children but has arrays and suffixes of its own.
+Node* nodeCopy(const Node* node, unsigned epoch) {
+  Node* copy = nodeCreate(std::string_view(node->name, node->nameLen), epoch);
+  copy->exactTarget = node->exactTarget;
+  copy->prefixTarget = node->prefixTarget;
+  copy->origin = node->origin;
+  copy->childCount = node->childCount;
+  if (node->childCount > 0) {
+    copy->children = allocChildren(node->childCount);
+    copy->childFirstChars = reinterpret_cast<char*>(copy->children + copy->childCount);
+    memcpy(copy->children, node->children, static_cast<size_t>(node->childCount) * sizeof(Node*));
+    memcpy(copy->childFirstChars, node->childFirstChars, static_cast<size_t>(node->childCount));
   }
+  if (node->suffixes != nullptr) {
+    size_t count = 0;
+    while (node->suffixes[count] != nullptr) ++count;
+    copy->suffixes = static_cast<Suffix**>(calloc(count + 1, sizeof(Suffix*)));
+    for (size_t i = 0; i < count; ++i) {
+      const Suffix* s = node->suffixes[i];
+      copy->suffixes[i] = suffixCreate(copy, s->suffix, s->target);
+    }
+  }
+  return copy;
 }
 
-void rebuildSuffixes(Node* node) {
-  free(node->suffixes);
-  node->suffixes = reinterpret_cast<Suffix**>(kyrListCreateArray(node->suffixList));
+// The builder's own version of a node: itself when made in this epoch, else a copy, with the
+// original kept for retiring at the next publish.
+Node* own(URIMatcher* matcher, Node* node) {
+  if (node->epoch == matcher->epoch) return node;
+  Node* copy = nodeCopy(node, matcher->epoch);
+  kyrListAddTail(matcher->replaced, node);
+  return copy;
 }
 
-void setDepth(Node* node, int depth) {
-  node->depth = depth;
-  for (int i = 0; i < node->childCount; ++i) setDepth(node->children[i], depth + 1);
+Node* ownChild(URIMatcher* matcher, Node* parent, int index) {
+  Node* child = own(matcher, parent->children[index]);
+  parent->children[index] = child;
+  return child;
+}
+
+// Appends a child to a node of the current epoch, whose arrays are its own.
+void addChild(Node* parent, Node* child) {
+  Node** children = allocChildren(parent->childCount + 1);
+  char* firstChars = reinterpret_cast<char*>(children + parent->childCount + 1);
+  size_t count = static_cast<size_t>(parent->childCount);
+  if (count > 0) {
+    memcpy(children, parent->children, count * sizeof(Node*));
+    memcpy(firstChars, parent->childFirstChars, count);
+  }
+  children[count] = child;
+  firstChars[count] = child->name[0];
+  free(parent->children);
+  parent->children = children;
+  parent->childFirstChars = firstChars;
+  ++parent->childCount;
+}
+
+void removeChild(Node* parent, int index) {
+  int count = parent->childCount - 1;
+  Node** children = count > 0 ? allocChildren(count) : nullptr;
+  char* firstChars = children != nullptr ? reinterpret_cast<char*>(children + count) : nullptr;
+  for (int from = 0, to = 0; from <= count; ++from) {
+    if (from == index) continue;
+    children[to] = parent->children[from];
+    firstChars[to++] = parent->childFirstChars[from];
+  }
+  free(parent->children);
+  parent->children = children;
+  parent->childFirstChars = firstChars;
+  parent->childCount = count;
 }
 
 // Equal leading characters of a node's name and the path from offset.
@@ -96,47 +162,46 @@ int getMatchLen(const Node* node, std::string_view path, size_t offset) {
   return len;
 }
 
-// child shares its first `common` characters with the path: a new node of those characters
-// takes its place under parent and holds the child, renamed to the rest, below it.
-Node* splitNode(Node* parent, Node* child, int common) {
-  kyrListFindAndRemove(parent->childList, child);
-  Node* mid = nodeCreate(std::string_view(child->name, common), parent->depth + 1);
-  kyrListAddTail(parent->childList, mid);
+// The child at index (of the builder's own parent, and itself the builder's own) shares its
+// first `common` characters with the path: a new node of those characters takes its place at
+// the end of the parent's children and holds the child, renamed to the rest, below it.
+Node* splitNode(URIMatcher* matcher, Node* parent, int index, int common) {
+  Node* child = parent->children[index];
+  removeChild(parent, index);
+  Node* mid = nodeCreate(std::string_view(child->name, common), matcher->epoch);
   child->nameLen -= common;
   memmove(child->name, child->name + common, static_cast<size_t>(child->nameLen) + 1);
-  kyrListAddTail(mid->childList, child);
-  setDepth(child, mid->depth + 1);
-  rebuildChildren(parent);
-  rebuildChildren(mid);
+  addChild(mid, child);
+  addChild(parent, mid);
   debugInternal("URIMatcher: split '%s' + '%s'\n", mid->name, child->name);
   return mid;
 }
 
-// The node whose path from the root is exactly `path`, created (splitting as needed) if absent.
-Node* nodeForPath(Node* tree, std::string_view path) {
+// The builder's node whose path from the root is exactly `path`, created (splitting as needed)
+// if absent. Every node on the way becomes the builder's own.
+Node* nodeForPath(URIMatcher* matcher, Node* tree, std::string_view path) {
   Node* current = tree;
   size_t offset = 0;
   bool descend = true;
   while (descend) {
     descend = false;
     for (int i = 0; i < current->childCount; ++i) {
-      Node* child = current->children[i];
-      int len = getMatchLen(child, path, offset);
+      int len = getMatchLen(current->children[i], path, offset);
       if (len == 0) continue;
       offset += len;
+      Node* child = ownChild(matcher, current, i);
       if (len == child->nameLen) {
         current = child;
         descend = true;
       } else {
-        current = splitNode(current, child, len);
+        current = splitNode(matcher, current, i, len);
       }
       break;
     }
   }
   if (offset < path.size()) {
-    Node* leaf = nodeCreate(path.substr(offset), current->depth + 1);
-    kyrListAddTail(current->childList, leaf);
-    rebuildChildren(current);
+    Node* leaf = nodeCreate(path.substr(offset), matcher->epoch);
+    addChild(current, leaf);
     current = leaf;
   }
   return current;
@@ -151,19 +216,18 @@ void putExactTarget(Node* node, void* target, int origin) {
 }
 
 void addSuffix(Node* node, const std::string& suffixText, void* target) {
-  for (Suffix** s = node->suffixes; s != nullptr && *s != nullptr; ++s) {
+  size_t count = 0;
+  for (Suffix** s = node->suffixes; s != nullptr && *s != nullptr; ++s, ++count) {
     if (suffixText == (*s)->suffix) {
       if ((*s)->target == nullptr) (*s)->target = target;
       return;
     }
   }
-  auto* suffix = kyrNew<Suffix>();
-  suffix->node = node;
-  suffix->suffix = kyrStrdup(suffixText.c_str());
-  suffix->suffixLen = static_cast<int>(suffixText.size());
-  suffix->target = target;
-  kyrListAddTail(node->suffixList, suffix);
-  rebuildSuffixes(node);
+  auto** suffixes = static_cast<Suffix**>(calloc(count + 2, sizeof(Suffix*)));
+  if (count > 0) memcpy(suffixes, node->suffixes, count * sizeof(Suffix*));
+  suffixes[count] = suffixCreate(node, suffixText.c_str(), target);
+  free(node->suffixes);
+  node->suffixes = suffixes;
 }
 
 void putPatternInternal(URIMatcher* matcher, Node* tree, std::string pattern, void* target,
@@ -208,7 +272,7 @@ void putPatternInternal(URIMatcher* matcher, Node* tree, std::string pattern, vo
     }
   }
 
-  Node* node = nodeForPath(tree, path);
+  Node* node = nodeForPath(matcher, tree, path);
   if (kind == PatternKind::Suffix) {
     addSuffix(node, suffix, target);
   } else if (target != nullptr && kind == PatternKind::Exact) {
@@ -278,10 +342,10 @@ const char* targetText(const URIMatcher* matcher, void* target) {
   return text != nullptr ? text : "null";
 }
 
-void addNodeInfo(const URIMatcher* matcher, const Node* node, KyrStringBuffer* sb) {
+void addNodeInfo(const URIMatcher* matcher, const Node* node, size_t depth, KyrStringBuffer* sb) {
   for (int i = 0; i < node->childCount; ++i) {
     const Node* child = node->children[i];
-    std::string line = "\n" + std::string(2 * static_cast<size_t>(child->depth), ' ');
+    std::string line = "\n" + std::string(2 * (depth + 1), ' ');
     line += "chars='" + std::string(child->name) + "'";
     if (child->exactTarget != nullptr) {
       line += " exact=" + std::string(targetText(matcher, child->exactTarget));
@@ -298,9 +362,13 @@ void addNodeInfo(const URIMatcher* matcher, const Node* node, KyrStringBuffer* s
       line += ")";
     }
     sbAdd(sb, line.c_str());
-    addNodeInfo(matcher, child, sb);
+    addNodeInfo(matcher, child, depth + 1, sb);
   }
 }
+
+void uriTreesFree(void* trees) { kyrDelete(static_cast<URITrees*>(trees)); }
+
+void replacedNodesFree(void* list) { kyrListDestroy(static_cast<KyrList*>(list)); }
 
 }  // namespace
 
@@ -308,8 +376,12 @@ URIMatcher* URIMatcherCreate(KyrRoutingInfo* ri, const char* name) {
   auto* matcher = kyrNew<URIMatcher>();
   matcher->ri = ri;
   matcher->name = kyrStrdup(name != nullptr ? name : "");
-  matcher->genAppTree = nodeCreate("", 0);
-  matcher->realAppTree = nodeCreate("", 0);
+  matcher->epoch = 1;
+  matcher->genAppTree = nodeCreate("", matcher->epoch);
+  matcher->realAppTree = nodeCreate("", matcher->epoch);
+  matcher->replaced = kyrListCreate(nodeFreeShallow);
+  matcher->changed = true;
+  URIMatcherPublish(matcher);
   TrMgr* mgr = ri->kyr->trMgr;
   matcher->trCtx = trMgrGetDefaultContext(mgr);
   matcher->debugCtl = trRecordGet(mgr, "control.mapper");
@@ -319,8 +391,11 @@ URIMatcher* URIMatcherCreate(KyrRoutingInfo* ri, const char* name) {
 
 void URIMatcherDelete(URIMatcher* matcher) {
   if (matcher == nullptr) return;
-  nodeFree(matcher->genAppTree);
-  nodeFree(matcher->realAppTree);
+  // The builder's trees reach every node the published ones do except those replaced since.
+  nodeFreeDeep(matcher->genAppTree);
+  nodeFreeDeep(matcher->realAppTree);
+  kyrListDestroy(matcher->replaced);
+  kyrDelete(const_cast<URITrees*>(matcher->published));
   kyrFree(matcher->name);
   kyrDelete(matcher);
 }
@@ -348,14 +423,39 @@ void URIMatcherPut(URIMatcher* matcher, const char* patternStr, void* targetObj,
   trDebug(matcher->trCtx, matcher->debugCtl, "put: %s: pattern=%s target=%s generic=%d\n",
           matcher->name, patternStr, name != nullptr ? name : "null", generic ? 1 : 0);
 
+  matcher->changed = true;
   if (!generic) {
+    matcher->realAppTree = own(matcher, matcher->realAppTree);
     putPatternInternal(matcher, matcher->realAppTree, patternStr, targetObj, ORIGIN_USER);
   } else if (strcmp(patternStr, "/*") == 0 && kyrIndexOfString(name, DEFAULT_TARGET_NAME) > 0) {
     trDebug(matcher->trCtx, matcher->debugCtl, "put: Destined for catchAllTarget.\n");
     matcher->catchAllTarget = targetObj;
   } else {
+    matcher->genAppTree = own(matcher, matcher->genAppTree);
     putPatternInternal(matcher, matcher->genAppTree, patternStr, targetObj, ORIGIN_USER);
   }
+}
+
+void URIMatcherPublish(URIMatcher* matcher) {
+  if (!matcher->changed) return;
+  auto* trees = kyrNew<URITrees>();
+  *trees = URITrees{matcher->genAppTree, matcher->realAppTree, matcher->catchAllTarget};
+  const URITrees* old = kyrPublishExchange(matcher->published, static_cast<const URITrees*>(trees));
+  // Requests that loaded the old trees may still walk them: what only they reach goes with the
+  // version.
+  size_t bytes = sizeof(URITrees);
+  for (KyrListEle* e = kyrListGetHead(matcher->replaced); e != nullptr; e = kyrListGetNext(e)) {
+    bytes += nodeBytes(static_cast<const Node*>(kyrListEleGetObject(e)));
+  }
+  kyrRoutingInfoRetire(matcher->ri, const_cast<URITrees*>(old), uriTreesFree, bytes);
+  if (kyrListIsEmpty(matcher->replaced)) {
+    kyrListDestroy(matcher->replaced);
+  } else {
+    kyrRoutingInfoRetire(matcher->ri, matcher->replaced, replacedNodesFree, 0);
+  }
+  matcher->replaced = kyrListCreate(nodeFreeShallow);
+  ++matcher->epoch;
+  matcher->changed = false;
 }
 
 void* URIMatcherMatch(const URIMatcher* matcher, const char* uri, KyrHttpContext* ctx) {
@@ -366,9 +466,10 @@ void* URIMatcherMatch(const URIMatcher* matcher, const char* uri, KyrHttpContext
     withSlash = std::string("/") + uri;
     view = withSlash;
   }
-  void* target = matchPattern(matcher->genAppTree, view);
-  if (target == nullptr) target = matchPattern(matcher->realAppTree, view);
-  if (target == nullptr) target = matcher->catchAllTarget;
+  const URITrees* trees = kyrPublished(matcher->published);
+  void* target = matchPattern(trees->genAppTree, view);
+  if (target == nullptr) target = matchPattern(trees->realAppTree, view);
+  if (target == nullptr) target = trees->catchAllTarget;
   trDebug(requestTrContext(ctx, matcher->trCtx), matcher->debugReq,
           "URIMatcherMatch: %s: uri=%s target=%s\n", matcher->name, uri,
           targetText(matcher, target));
@@ -376,10 +477,11 @@ void* URIMatcherMatch(const URIMatcher* matcher, const char* uri, KyrHttpContext
 }
 
 void URIMatcherAddInfo(const URIMatcher* matcher, KyrStringBuffer* sb) {
+  const URITrees* trees = kyrPublished(matcher->published);
   sbAdd(sb, "\ngenAppTree:");
-  addNodeInfo(matcher, matcher->genAppTree, sb);
+  addNodeInfo(matcher, trees->genAppTree, 0, sb);
   sbAdd(sb, "\nrealAppTree:");
-  addNodeInfo(matcher, matcher->realAppTree, sb);
+  addNodeInfo(matcher, trees->realAppTree, 0, sb);
 }
 
 char* URIMatcherMakePattern(const char* ctxRoot, const char* uri) {

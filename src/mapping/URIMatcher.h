@@ -3,7 +3,12 @@
 // target. A virtual host group (VHostMatcher.h) holds one per group; its targets are the request
 // mapper's web modules, or plain strings in the self-test.
 //
-// Built while a routing-information version is assembled and read-only afterwards: no lock.
+// Requests match without a lock while the routing data may still add patterns (a delta that
+// links a module to a group). Puts therefore change a builder copy: a node that matching can
+// reach is copied before it changes (only the nodes along the changed paths, once per batch), and
+// URIMatcherPublish makes the builder's trees the ones matching walks with one atomic store and
+// retires the nodes they replaced onto the version. Everything else about the matcher belongs to
+// the control lock that document application holds.
 #pragma once
 
 #include "kyrlib.h"
@@ -28,7 +33,7 @@ inline constexpr const char* DEFAULT_TARGET_NAME = "Default_default_host_HTTP_WC
 struct Node;
 
 struct Suffix {
-  Node* node;  // the node it hangs on
+  Node* node;  // the node it was added to; a copy of the node copies its suffixes too
   char* suffix;
   int suffixLen;
   void* target;
@@ -36,33 +41,47 @@ struct Suffix {
 
 // One run of characters of the tree; siblings start with different characters. The fields a
 // match reads come first so that they share one cache line; the name is stored right behind
-// the node (it only ever shrinks, when the node is split).
+// the node (it only ever shrinks, when the node is split). A node owns its children and its
+// suffixes; there is no depth field, the dump counts levels as it walks.
 struct Node {
-  int depth;  // parent's depth + 1; the roots have 0
   int nameLen;
   char* name;          // the characters this node adds to its parent's path
   void* exactTarget;   // for a URI that ends exactly here
   void* prefixTarget;  // for URIs that continue below here
-  // Rebuilt from childList on every change so matching walks one plain block: the children in
-  // list order, then the first character of each child's name at the same index.
+  // One plain block so matching walks no list: the children in the order they were added, then
+  // the first character of each child's name at the same index.
   Node** children;
   char* childFirstChars;
   int childCount;
-  int origin;           // of exactTarget
-  Suffix** suffixes;    // null-terminated copy of suffixList; null while there are none
-  KyrList* childList;   // of Node, owning
-  KyrList* suffixList;  // of Suffix, owning
+  int origin;         // of exactTarget
+  Suffix** suffixes;  // null-terminated; null while there are none
+  // The matcher's epoch when this node was made or copied. Only a node of the current epoch
+  // (which no published tree reaches yet) may change in place.
+  unsigned epoch;
 };
 
 // What the targets of one matcher are; all registrations of a matcher use the same kind.
 enum class URITargetKind { Unknown, String, WebModule };
 
+// The trees and catch-all that matching reads: replaced whole, never changed.
+struct URITrees {
+  const Node* genAppTree;
+  const Node* realAppTree;
+  void* catchAllTarget;
+};
+
 struct URIMatcher {
   KyrRoutingInfo* ri;
   char* name;
+  // The builder's trees: puts change them, copying published nodes first. They share every
+  // unchanged node with the published trees and own all of them.
   Node* genAppTree;
   Node* realAppTree;
   void* catchAllTarget;
+  const URITrees* published;  // what matching walks; stored and loaded atomically
+  unsigned epoch;
+  KyrList* replaced;  // published nodes the builder copied since the last publish, for retiring
+  bool changed;       // puts since the last publish
   URITargetKind targetKind;
   TrContext* trCtx;
   TrRecord* debugCtl;  // "control.mapper"
@@ -79,11 +98,16 @@ void URIMatcherDelete(URIMatcher* matcher);
 void URIMatcherPut(URIMatcher* matcher, const char* patternStr, void* targetObj,
                    bool isTargetWebModule);
 
-// The target for a URI, or null: the generic tree first, then the real one, then the catch-all.
-// ctx (may be null) only chooses the trace context.
+// Makes the puts since the last publish visible to matching; a no-op without any. The control
+// lock (or sole ownership of the matcher) is required, as for puts.
+void URIMatcherPublish(URIMatcher* matcher);
+
+// The target for a URI, or null: the generic tree first, then the real one, then the catch-all,
+// as last published. Any thread; no lock. ctx (may be null) only chooses the trace context.
 void* URIMatcherMatch(const URIMatcher* matcher, const char* uri, KyrHttpContext* ctx);
 
-// Appends "\ngenAppTree:" and "\nrealAppTree:" with one line per node, depth first.
+// Appends "\ngenAppTree:" and "\nrealAppTree:" with one line per node, depth first, of the
+// published trees.
 void URIMatcherAddInfo(const URIMatcher* matcher, KyrStringBuffer* sb);
 
 // A context root joined to a URI pattern with exactly one "/" between them; a root that is null

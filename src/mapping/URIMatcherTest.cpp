@@ -80,6 +80,7 @@ int URIMatcherTest(Kyr* kyr, int traceLevel) {
     for (const Registration& reg : row.registrations) {
       URIMatcherPut(matcher, reg.pattern, const_cast<char*>(reg.target), false);
     }
+    URIMatcherPublish(matcher);
     for (const Expectation& expect : row.expectations) {
       const void* got = URIMatcherMatch(matcher, expect.uri, nullptr);
       if (strcmp(text(got), text(expect.target)) == 0) {

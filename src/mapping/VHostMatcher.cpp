@@ -9,6 +9,7 @@
 #include "core/kyrRoutingInfo.h"
 #include "mapping/mapTrace.h"
 #include "runtime/kyrLibUtil.h"
+#include "runtime/kyrPublish.h"
 #include "trace/trWrite.h"
 
 namespace kyr {
@@ -17,9 +18,26 @@ namespace {
 
 void vhostFree(void* object) { vHostDelete(static_cast<VHost*>(object)); }
 
-void rebuildVHostArray(VHostMatcher* vhtm) {
-  free(vhtm->vhostArray);
-  vhtm->vhostArray = reinterpret_cast<VHost**>(kyrListCreateArray(vhtm->vhostList));
+void aliasesFree(void* aliases) { delete static_cast<VHostAliases*>(aliases); }
+
+// Makes the builder's aliases the ones requests test.
+void publishAliases(VHostMatcher* vhtm) {
+  auto* aliases = new VHostAliases();
+  aliases->any = vhtm->any;
+  aliases->hasHost = !vhtm->hosts.empty();
+  if (aliases->hasHost) aliases->firstHost = vhtm->hosts[0];
+  aliases->ports = vhtm->ports;
+  for (KyrListEle* e = kyrListGetHead(vhtm->vhostList); e != nullptr; e = kyrListGetNext(e)) {
+    aliases->vhosts.push_back(static_cast<const VHost*>(kyrListEleGetObject(e)));
+  }
+  const VHostAliases* old =
+      kyrPublishExchange(vhtm->aliases, static_cast<const VHostAliases*>(aliases));
+  size_t bytes = sizeof(VHostAliases) + aliases->vhosts.size() * sizeof(VHost*);
+  kyrRoutingInfoRetire(vhtm->ri, const_cast<VHostAliases*>(old), aliasesFree, bytes);
+}
+
+void retireVHost(VHostMatcher* vhtm, VHost* vh) {
+  kyrRoutingInfoRetire(vhtm->ri, vh, vhostFree, sizeof(VHost));
 }
 
 // Deletes every specific alias for which `covered` holds.
@@ -32,12 +50,13 @@ void pruneIf(VHostMatcher* vhtm, Pred covered) {
     if (covered(vh)) {
       trDebug(vhtm->trCtx, vhtm->debugCtl, "prune: %s: removing %s:%d\n", vhtm->name, vh->host,
               vh->port);
-      kyrListDelete(vhtm->vhostList, ele);
+      kyrListRemove(vhtm->vhostList, ele);
+      retireVHost(vhtm, vh);
       changed = true;
     }
     ele = next;
   }
-  if (changed) rebuildVHostArray(vhtm);
+  if (changed) publishAliases(vhtm);
 }
 
 }  // namespace
@@ -46,7 +65,7 @@ VHostMatcher* createVHostMatcher(KyrRoutingInfo* ri, const char* name) {
   auto* vhtm = kyrNew<VHostMatcher>();
   vhtm->ri = ri;
   vhtm->vhostList = kyrListCreate(vhostFree);
-  rebuildVHostArray(vhtm);
+  publishAliases(vhtm);
   vhtm->name = kyrStrdup(name != nullptr ? name : "");
   vhtm->uriMatcher = URIMatcherCreate(ri, vhtm->name);
   TrMgr* mgr = ri->kyr->trMgr;
@@ -59,7 +78,7 @@ VHostMatcher* createVHostMatcher(KyrRoutingInfo* ri, const char* name) {
 void deleteVHostMatcher(VHostMatcher* vhtm) {
   if (vhtm == nullptr) return;
   kyrListDestroy(vhtm->vhostList);
-  free(vhtm->vhostArray);
+  delete vhtm->aliases;  // nothing reads a group that is being deleted
   URIMatcherDelete(vhtm->uriMatcher);
   kyrFree(vhtm->name);
   kyrDelete(vhtm);
@@ -69,6 +88,7 @@ VHost* putVHost(VHostMatcher* vhtm, const char* host, int port) {
   trDebug(vhtm->trCtx, vhtm->debugCtl, "putVHost: %s: host=%s, port=%d\n", vhtm->name,
           host != nullptr ? host : "null", port);
   if (vhtm->any) return nullptr;
+  VHost* vh = nullptr;
   if (isAnyHostText(host)) {
     if (port == -1) {
       vhtm->any = true;
@@ -76,22 +96,23 @@ VHost* putVHost(VHostMatcher* vhtm, const char* host, int port) {
       vhtm->ports.push_back(port);
       pruneByPort(vhtm, port);
     }
-    return nullptr;
-  }
-  if (port == -1) {
+  } else if (port == -1) {
     vhtm->hosts.emplace_back(host);
     pruneByHost(vhtm, host);
+  } else if (!containsHost(vhtm, host) && !containsPort(vhtm, port)) {
+    vh = VHostCreate(vhtm->ri, host, port, false);
+    kyrListAddTail(vhtm->vhostList, vh);
+  } else {
     return nullptr;
   }
-  if (containsHost(vhtm, host) || containsPort(vhtm, port)) return nullptr;
-  VHost* vh = VHostCreate(vhtm->ri, host, port, false);
-  kyrListAddTail(vhtm->vhostList, vh);
-  rebuildVHostArray(vhtm);
+  publishAliases(vhtm);
   return vh;
 }
 
 void delVHost(VHostMatcher* vhtm, VHost* vh) {
-  if (kyrListRemoveObject(vhtm->vhostList, vh)) rebuildVHostArray(vhtm);
+  if (kyrListFindAndRemove(vhtm->vhostList, vh) == nullptr) return;
+  retireVHost(vhtm, vh);
+  publishAliases(vhtm);
 }
 
 bool containsHost(const VHostMatcher* vhtm, const char* host) {
@@ -111,9 +132,14 @@ void pruneByPort(VHostMatcher* vhtm, int port) {
 }
 
 bool vhostAccepts(const VHostMatcher* vhtm, const char* host, int port) {
-  if (vhtm->any || containsPort(vhtm, port) || containsHost(vhtm, host)) return true;
-  for (VHost** vh = vhtm->vhostArray; *vh != nullptr; ++vh) {
-    if ((*vh)->port == port && compareHostsIgnoreCase((*vh)->host, host)) return true;
+  const VHostAliases* aliases = kyrPublished(vhtm->aliases);
+  if (aliases->any) return true;
+  if (std::find(aliases->ports.begin(), aliases->ports.end(), port) != aliases->ports.end()) {
+    return true;
+  }
+  if (aliases->hasHost && compareHostsIgnoreCase(aliases->firstHost.c_str(), host)) return true;
+  for (const VHost* vh : aliases->vhosts) {
+    if (vh->port == port && compareHostsIgnoreCase(vh->host, host)) return true;
   }
   return false;
 }
@@ -147,9 +173,10 @@ void addInfoVHostMatcher(const VHostMatcher* vhtm, KyrStringBuffer* sb) {
   text += ")\n    hosts=(";
   for (size_t i = 0; i < vhtm->hosts.size(); ++i) text += (i > 0 ? "," : "") + vhtm->hosts[i];
   text += ")\n    hosts:ports=(";
-  for (VHost** vh = vhtm->vhostArray; *vh != nullptr; ++vh) {
-    if (vh != vhtm->vhostArray) text += ",";
-    text += std::string((*vh)->host) + ":" + std::to_string((*vh)->port);
+  for (KyrListEle* e = kyrListGetHead(vhtm->vhostList); e != nullptr; e = kyrListGetNext(e)) {
+    auto* vh = static_cast<const VHost*>(kyrListEleGetObject(e));
+    if (e != kyrListGetHead(vhtm->vhostList)) text += ",";
+    text += std::string(vh->host) + ":" + std::to_string(vh->port);
   }
   text += ")\n";
   sbAdd(sb, text.c_str());
@@ -158,8 +185,8 @@ void addInfoVHostMatcher(const VHostMatcher* vhtm, KyrStringBuffer* sb) {
 
 json_t* vhostMatcherToJSON(const VHostMatcher* vhtm) {
   json_t* vhosts = json_array();
-  for (VHost** vh = vhtm->vhostArray; *vh != nullptr; ++vh) {
-    json_array_append_new(vhosts, vhostToJSON(*vh));
+  for (KyrListEle* e = kyrListGetHead(vhtm->vhostList); e != nullptr; e = kyrListGetNext(e)) {
+    json_array_append_new(vhosts, vhostToJSON(static_cast<const VHost*>(kyrListEleGetObject(e))));
   }
   for (int port : vhtm->ports) json_array_append_new(vhosts, vhostEntryToJSON("*", port));
   json_t* json = json_object();

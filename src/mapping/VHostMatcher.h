@@ -4,7 +4,10 @@
 // (kyrURLMatcher.h) asks each group whether it accepts a request's host and port, then asks its
 // URI matcher for the module.
 //
-// Built while a routing-information version is assembled and read-only afterwards: no lock.
+// Requests test aliases without a lock while the routing data may still add or remove them, so
+// the test reads an immutable snapshot (VHostAliases) that every change replaces with one
+// atomic store; the old snapshot and deleted aliases are retired onto the version. Everything
+// else belongs to the control lock that document application holds.
 #pragma once
 
 #include <jansson.h>
@@ -21,14 +24,23 @@ namespace kyr {
 
 struct KyrRoutingInfo;
 
+// What the host:port test of a group reads.
+struct VHostAliases {
+  bool any;
+  bool hasHost;
+  std::string firstHost;  // the first any-port host, when hasHost
+  std::vector<int> ports;
+  std::vector<const VHost*> vhosts;  // the specific aliases
+};
+
 struct VHostMatcher {
   KyrRoutingInfo* ri;
   KyrList* vhostList;              // of VHost with a specific host and a specific port, owning
-  VHost** vhostArray;              // null-terminated copy of vhostList, rebuilt on every change
   char* name;                      // the group name
   bool any;                        // every host on every port
   std::vector<std::string> hosts;  // accepted on any port, in the order added (copies)
   std::vector<int> ports;          // accepted for any host, in the order added
+  const VHostAliases* aliases;     // the fields above as requests see them; atomic pointer
   URIMatcher* uriMatcher;          // named after the group
   TrContext* trCtx;
   TrRecord* debugCtl;  // "control.mapper"
@@ -43,19 +55,21 @@ void deleteVHostMatcher(VHostMatcher* vhtm);
 // a specific host:port alias was stored, else null (the alias was folded into `any`, `hosts`
 // or `ports`, or was already covered). A wider alias prunes the specific ones it covers.
 VHost* putVHost(VHostMatcher* vhtm, const char* host, int port);
-// Removes that alias from the group and deletes it.
+// Removes that alias from the group; it is deleted with the version.
 void delVHost(VHostMatcher* vhtm, VHost* vh);
 
-// Deliberately consults only the first any-port host: a second one neither accepts a request
-// nor suppresses an alias through this test. Request matching depends on it.
+// The builder's tests, for the routing data. Deliberately consults only the first any-port host: a
+// second one neither accepts a request nor suppresses an alias through this test. Request matching
+// depends on it.
 bool containsHost(const VHostMatcher* vhtm, const char* host);
 bool containsPort(const VHostMatcher* vhtm, int port);
 void pruneByHost(VHostMatcher* vhtm, const char* host);
 void pruneByPort(VHostMatcher* vhtm, int port);
 
 // Does the group accept this host and port: `any`, a port entry, the first any-port host, or a
-// specific alias. matchVHost traces the test (ctx, may be null, chooses the trace context);
-// vhostAccepts is the same test without trace, for callers that know tracing is off.
+// specific alias, as last published. matchVHost traces the test (ctx, may be null, chooses the
+// trace context); vhostAccepts is the same test without trace, for callers that know tracing is
+// off. Any thread; no lock.
 bool matchVHost(const VHostMatcher* vhtm, const char* host, int port, KyrHttpContext* ctx);
 bool vhostAccepts(const VHostMatcher* vhtm, const char* host, int port);
 void* matchVHostURI(const VHostMatcher* vhtm, const char* uri, KyrHttpContext* ctx);

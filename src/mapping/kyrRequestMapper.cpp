@@ -13,6 +13,7 @@
 #include "mapping/kyrWebRouteWorkClass.h"
 #include "request/kyrHttpContext.h"
 #include "runtime/kyrLibUtil.h"
+#include "runtime/kyrPublish.h"
 #include "runtime/kyrUtil.h"
 #include "selection/kyrTargetSelector.h"
 #include "trace/trWrite.h"
@@ -23,6 +24,7 @@ namespace {
 void applicationFree(void* p) {
   auto* app = static_cast<Application*>(p);
   kyrListDestroy(app->webModules);
+  free(app->webModuleArray);
   kyrListDestroy(app->webRouteWorkClasses);
   kyrFree(app->name);
   free(app->simpleName);
@@ -35,8 +37,18 @@ void applicationFree(void* p) {
 void appRootFree(void* p) {
   auto* root = static_cast<ApplicationRoot*>(p);
   kyrListDestroy(root->applications);
+  free(root->editions);
   kyrFree(root->name);
   kyrDelete(root);
+}
+
+// Replaces a published null-terminated array with a copy of the list, retiring the old one.
+template <class T>
+void publishArray(KyrRoutingInfo* ri, T**& slot, const KyrList* list) {
+  auto** array = reinterpret_cast<T**>(kyrListCreateArray(list));
+  T** old = kyrPublishExchange(slot, array);
+  size_t bytes = static_cast<size_t>(kyrListGetCount(list) + 1) * sizeof(void*);
+  kyrRoutingInfoRetire(ri, old, free, bytes);
 }
 
 // Takes the application out of its root; the root goes with its last edition.
@@ -45,20 +57,18 @@ void leaveRoot(Application* app) {
   KyrLockGuard guard(rm->lock, "rmApplicationDelete");
   ApplicationRoot* root = app->root;
   kyrListFindAndRemove(root->applications, app);
+  publishArray(rm->ri, root->editions, root->applications);
   if (kyrListIsEmpty(root->applications)) {
     kyrHashPut(rm->appRoots, root->name, nullptr);
-    appRootFree(root);
+    kyrRoutingInfoRetire(rm->ri, root, appRootFree, sizeof(ApplicationRoot));
   }
 }
 
 // The first module of the edition whose context root starts the full path.
 WebModule* moduleForPath(Application* app, const char* path) {
-  for (KyrListEle* e = kyrListGetHead(app->webModules); e != nullptr; e = kyrListGetNext(e)) {
-    auto* wm = static_cast<WebModule*>(kyrListEleGetObject(e));
-    if (wm->contextRoot != nullptr &&
-        strncmp(path, wm->contextRoot, strlen(wm->contextRoot)) == 0) {
-      return wm;
-    }
+  for (WebModule** wm = kyrPublished(app->webModuleArray); *wm != nullptr; ++wm) {
+    const char* root = kyrPublished((*wm)->contextRoot);
+    if (root != nullptr && strncmp(path, root, strlen(root)) == 0) return *wm;
   }
   return nullptr;
 }
@@ -118,9 +128,9 @@ Application* rmApplicationCreate(RequestMapper* rm, const char* name) {
   app->name = kyrStrdup(name);
   app->simpleName = kyrPathToName(name);
   app->edition = kyrStrdup("");
-  app->webModules = kyrListCreate([](void* wm) { rmWebModuleDelete(static_cast<WebModule*>(wm)); });
-  app->webRouteWorkClasses = kyrListCreate(
-      [](void* wc) { rmWebRouteWorkClassDelete(static_cast<WebRouteWorkClass*>(wc)); });
+  app->webModules = kyrListCreate(rmWebModuleFree);
+  app->webModuleArray = reinterpret_cast<WebModule**>(kyrListCreateArray(app->webModules));
+  app->webRouteWorkClasses = kyrListCreate(webRouteWorkClassFree);
   char* rootName = appNameToAppRootName(name);
   {
     KyrLockGuard guard(rm->lock, "rmApplicationCreate");
@@ -133,12 +143,14 @@ Application* rmApplicationCreate(RequestMapper* rm, const char* name) {
       root = kyrNew<ApplicationRoot>();
       root->name = kyrStrdup(rootName);
       root->applications = kyrListCreate(nullptr);
+      root->editions = reinterpret_cast<Application**>(kyrListCreateArray(root->applications));
       kyrHashPut(rm->appRoots, root->name, root);  // the map borrows the root's own name
     } else {
       trDebug(rm->trCtx, rm->debugCtl,
               "linking edition '%s' to previously created application root '%s'\n", name, rootName);
     }
     kyrListAddTail(root->applications, app);
+    publishArray(rm->ri, root->editions, root->applications);
     app->root = root;
   }
   kyrFree(rootName);
@@ -148,21 +160,32 @@ Application* rmApplicationCreate(RequestMapper* rm, const char* name) {
 
 void rmApplicationDelete(Application* app) {
   leaveRoot(app);
-  // The owning list's destructor frees the application with its modules.
-  kyrListDelete(app->rm->applications, kyrListFind(app->rm->applications, app));
+  // Requests that mapped to the application may still read it and whatever modules it has left.
+  kyrListFindAndRemove(app->rm->applications, app);
+  kyrRoutingInfoRetire(app->rm->ri, app, applicationFree, sizeof(Application));
 }
 
 KyrRoutingInfo* rmApplicationGetRoutingInfo(Application* app) { return app->rm->ri; }
 const char* rmApplicationGetSimpleName(Application* app) { return app->simpleName; }
-void rmApplicationSetState(Application* app, const char* state) { kyrReplaceCountedStr(&app->state, state); }
+void rmApplicationSetState(Application* app, const char* state) {
+  kyrRoutingInfoReplaceText(app->rm->ri, &app->state, state);
+}
 void rmApplicationSetEdition(Application* app, const char* edition) {
-  kyrReplaceCountedStr(&app->edition, edition);
+  kyrRoutingInfoReplaceText(app->rm->ri, &app->edition, edition);
 }
 void rmApplicationSetSessionAffinityCookies(Application* app, const char* cookies) {
-  kyrReplaceCountedStr(&app->sessionAffinityCookies, cookies);
+  kyrRoutingInfoReplaceText(app->rm->ri, &app->sessionAffinityCookies, cookies);
 }
-const char* appGetSessionAffinityCookies(Application* app) { return app->sessionAffinityCookies; }
-void appAddWebModule(Application* app, WebModule* wm) { kyrListAddTail(app->webModules, wm); }
+const char* appGetSessionAffinityCookies(Application* app) {
+  return kyrPublished(app->sessionAffinityCookies);
+}
+void appAddWebModule(Application* app, WebModule* wm) {
+  kyrListAddTail(app->webModules, wm);
+  appPublishWebModules(app);
+}
+void appPublishWebModules(Application* app) {
+  publishArray(app->rm->ri, app->webModuleArray, app->webModules);
+}
 
 bool rmApplicationSetPropStr(Application* app, const char* name, const char* value) {
   if (strcmp(name, "state") == 0) {
@@ -185,21 +208,21 @@ bool rmApplicationSetPropNull(Application* app, const char* name) {
   rmApplicationSetSessionAffinityCookies(app, nullptr);
   // Policies were built from the old cookies; they are rebuilt on next use.
   for (KyrListEle* e = kyrListGetHead(app->webModules); e != nullptr; e = kyrListGetNext(e)) {
-    auto* wm = static_cast<WebModule*>(kyrListEleGetObject(e));
-    hapDelete(wm->hap);
-    wm->hap = nullptr;
+    wmDropHttpAffinityPolicy(static_cast<WebModule*>(kyrListEleGetObject(e)));
   }
   return true;
 }
 
 Application* getApplicationByEdition(Application* app, const char* edition) {
-  for (KyrListEle* e = kyrListGetHead(app->root->applications); e != nullptr;
-       e = kyrListGetNext(e)) {
-    auto* candidate = static_cast<Application*>(kyrListEleGetObject(e));
-    if (strcmp(candidate->edition, edition) == 0) return candidate;
+  for (Application** candidate = kyrPublished(app->root->editions); *candidate != nullptr;
+       ++candidate) {
+    const char* candidateEdition = kyrPublished((*candidate)->edition);
+    if (candidateEdition != nullptr && strcmp(candidateEdition, edition) == 0) return *candidate;
   }
   return nullptr;
 }
+
+void rmPublish(RequestMapper* rm) { URLMatcherPublish(rm->matcher); }
 
 void rmAddVHostMatcher(RequestMapper* rm, VHostMatcher* vhostMatcher) {
   addVHostMatcher(rm->matcher, vhostMatcher);
@@ -217,6 +240,7 @@ void rmLinkVHostAndWebModule(VHostMatcher* vhostMatcher, WebModule* wm, bool add
   }
   trDebug(rm->trCtx, rm->debugCtl, "rmLinkVHostAndWebModule: vHostGroup=%s, webModule=%s\n",
           getVHostMatcherName(vhostMatcher), wm->name);
+  // The patterns reach requests when the document is done (rmPublish).
   URIMatcher* uriMatcher = getURIMatcher(vhostMatcher);
   for (KyrListEle* e = kyrListGetHead(wm->uris); e != nullptr; e = kyrListGetNext(e)) {
     char* pattern =
@@ -262,10 +286,11 @@ const char* pathOnly(const char* s) {
 const char* evaluateAppEditionRoutingRules(Application* app, KyrHttpContext* ctx) {
   // Editions are chosen by the rules of the application's default work class; an application
   // without one always serves its own edition.
-  WebRouteWorkClass* wc = app->defaultWebRouteWorkClass;
+  WebRouteWorkClass* wc = kyrPublished(app->defaultWebRouteWorkClass);
   if (wc == nullptr) {
-    kyrHttpContextSetPermit(ctx, app->edition, false);
-    return app->edition;
+    const char* edition = kyrPublished(app->edition);
+    kyrHttpContextSetPermit(ctx, edition, false);
+    return edition;
   }
   // Deltas change rules in place under the set's lock; the decision is read under it too, and
   // what outlives it is the context's own copy of the edition.
@@ -329,7 +354,8 @@ int rmMapRequest(RequestMapper* rm, KyrHttpContext* ctx) {
     trDebug(tr, rm->debugReq, "null edition name");
     return 1;
   }
-  if (strcmp(edition, app->edition) != 0) {
+  const char* matchedEdition = kyrPublished(app->edition);
+  if (matchedEdition == nullptr || strcmp(edition, matchedEdition) != 0) {
     Application* chosen = getApplicationByEdition(app, edition);
     if (chosen == nullptr) {
       kyrHttpContextSetReject(ctx, 500,
@@ -349,9 +375,9 @@ int rmMapRequest(RequestMapper* rm, KyrHttpContext* ctx) {
     app = chosen;
   }
   kyrHttpContextSetApplicationName(ctx, app->simpleName);
-  kyrHttpContextSetEditionName(ctx, app->edition);
+  kyrHttpContextSetEditionName(ctx, kyrPublished(app->edition));
   kyrHttpContextSetModuleName(ctx, wm->name);
-  kyrHttpContextSetContextRoot(ctx, wm->contextRoot);
+  kyrHttpContextSetContextRoot(ctx, kyrPublished(wm->contextRoot));
   trTrace(tr, rm->debugReq, 7, "mapped request %s:%d/%s to web module %s\n", host, port, path,
           wm->name);
   return 1;

@@ -29,34 +29,39 @@ struct HttpAffinityPolicy {
 };
 
 struct ApplicationRoot {
-  char* name;             // the application name without its "-edition" suffix
-  KyrList* applications;  // of Application, one per edition, not owning
+  char* name;                     // the application name without its "-edition" suffix
+  KyrList* applications;          // of Application, one per edition, not owning
+  struct Application** editions;  // published null-terminated copy of applications
 };
 
 struct Application {
   struct RequestMapper* rm;
-  char* name;        // full object name
-  char* simpleName;  // last segment of the name
-  char* edition;     // "" until the publisher names one
-  char* sessionAffinityCookies;
+  char* name;                    // full object name
+  char* simpleName;              // last segment of the name
+  char* edition;                 // "" until the publisher names one; published
+  char* sessionAffinityCookies;  // published
   char* state;
   ApplicationRoot* root;
   KyrList* webModules;                          // of WebModule, owning
-  KyrList* webRouteWorkClasses;                 // of WebRouteWorkClass
-  WebRouteWorkClass* defaultWebRouteWorkClass;  // its rules choose the edition; null: none
+  struct WebModule** webModuleArray;            // published null-terminated copy of webModules
+  KyrList* webRouteWorkClasses;                 // of WebRouteWorkClass, owning
+  WebRouteWorkClass* defaultWebRouteWorkClass;  // its rules choose the edition; null: none;
+                                                // published
 };
 
 struct WebModule {
   struct RequestMapper* rm;
   Application* application;
-  char* name;  // full object name; also the name of its virtual cluster
-  char* contextRoot;
-  char* sessionAffinityCookies;
-  KyrSSLMapMode sslMapMode;
-  KyrList* uris;  // of URI pattern strings, owning
+  char* name;                    // full object name; also the name of its virtual cluster
+  char* contextRoot;             // published
+  char* sessionAffinityCookies;  // published
+  KyrSSLMapMode sslMapMode;      // published
+  KyrList* uris;                 // of URI pattern strings, owning
+  // Published. Built by target selection on first need (under the selector lock) and dropped
+  // by the routing data to be rebuilt; a request may keep using a dropped one, so it is retired.
   HttpAffinityPolicy* hap;
-  KyrList* clusters;  // of cluster names, owning
-  bool fileServingEnabled;
+  KyrList* clusters;               // of cluster names, owning
+  bool fileServingEnabled;         // published
   int restVersion;                 // the publisher's protocol level when the module was created
   VirtualCluster* virtualCluster;  // the target selector's half of this module
 };
@@ -128,7 +133,7 @@ KyrList* wmGetClusters(WebModule* wm);
 const char* wmGetSessionAffinityCookies(WebModule* wm);
 void wmSetSessionAffinityCookies(WebModule* wm, const char* cookies);
 
-// Affinity policies, installed as the module's own (a previous one is deleted).
+// Affinity policies, installed as the module's own (a previous one is retired).
 HttpAffinityPolicy* hapCreate(WebModule* wm, char** cookieNames, const char* delimiter,
                               bool learnServerIDs);
 HttpAffinityPolicy* hapCreate1(WebModule* wm, const char* descriptor);
@@ -136,6 +141,14 @@ const char* hapGetDelimiter(HttpAffinityPolicy* hap);
 char** hapGetCookieNames(HttpAffinityPolicy* hap);
 bool hapGetLearnServerIDs(HttpAffinityPolicy* hap);
 void hapDelete(HttpAffinityPolicy* hap);
+// Drops the module's policy so that the next request builds it anew.
+void wmDropHttpAffinityPolicy(WebModule* wm);
+// Frees a module that is no longer part of any application; only with its version.
+void rmWebModuleFree(void* wm);
+// Makes the URI patterns put since the last publish visible to requests: once per document.
+void rmPublish(RequestMapper* rm);
+// Publishes the application's modules as the array requests walk.
+void appPublishWebModules(Application* app);
 
 void rmAddVHostMatcher(RequestMapper* rm, VHostMatcher* vhostMatcher);
 // Deletes a group the URL matcher holds; its aliases' records stay until they are deleted.

@@ -9,6 +9,7 @@
 #include "mapping/kyrRequestMapper.h"
 #include "mapping/mapTrace.h"
 #include "runtime/kyrLibUtil.h"
+#include "runtime/kyrPublish.h"
 #include "trace/trWrite.h"
 
 namespace kyr {
@@ -17,10 +18,18 @@ namespace {
 
 void vhostMatcherFree(void* object) { deleteVHostMatcher(static_cast<VHostMatcher*>(object)); }
 
-void rebuildGroupArray(URLMatcher* m) {
-  free(m->vhtMatchersArray);
-  m->vhtMatchersArray = reinterpret_cast<VHostMatcher**>(kyrListCreateArray(m->vhostMatcherList));
-  m->vhtMatchersCount = kyrListGetCount(m->vhostMatcherList);
+// Makes the list of groups the array requests walk.
+void publishGroups(URLMatcher* m) {
+  auto** groups = reinterpret_cast<VHostMatcher**>(kyrListCreateArray(m->vhostMatcherList));
+  VHostMatcher** old = kyrPublishExchange(m->vhtMatchersArray, groups);
+  size_t bytes = static_cast<size_t>(kyrListGetCount(m->vhostMatcherList) + 1) * sizeof(void*);
+  kyrRoutingInfoRetire(m->ri, old, free, bytes);
+}
+
+int groupCount(VHostMatcher* const* groups) {
+  int count = 0;
+  while (groups[count] != nullptr) ++count;
+  return count;
 }
 
 size_t contextRootLength(WebModule* wm) {
@@ -42,7 +51,7 @@ URLMatcher* kyrURLMatcherCreate(KyrRoutingInfo* ri) {
   m->ri = ri;
   m->vhostMatcherMap = kyrHashMapCreate();
   m->vhostMatcherList = kyrListCreate(vhostMatcherFree);
-  rebuildGroupArray(m);
+  publishGroups(m);
   TrMgr* mgr = ri->kyr->trMgr;
   m->trCtx = trMgrGetDefaultContext(mgr);
   m->debugCtl = trRecordGet(mgr, "control.mapper");
@@ -61,13 +70,17 @@ void kyrURLMatcherDestroy(URLMatcher* m) {
 void addVHostMatcher(URLMatcher* m, VHostMatcher* vhtm) {
   trDebug(m->trCtx, m->debugCtl, "addVHostMatcher: %s\n", vhtm->name);
   kyrListAddTail(m->vhostMatcherList, vhtm);
-  rebuildGroupArray(m);
+  publishGroups(m);
   kyrHashPut(m->vhostMatcherMap, vhtm->name, vhtm);
 }
 
 VHostMatcher* getVHostMatcher(const URLMatcher* m, const char* name) {
-  auto* vhtm =
-      name != nullptr ? static_cast<VHostMatcher*>(kyrHashGet(m->vhostMatcherMap, name)) : nullptr;
+  // Requests ask while the map may change; a walk of the few published groups needs no lock.
+  VHostMatcher* vhtm = nullptr;
+  for (VHostMatcher** group = kyrPublished(m->vhtMatchersArray);
+       name != nullptr && *group != nullptr && vhtm == nullptr; ++group) {
+    if (strcmp((*group)->name, name) == 0) vhtm = *group;
+  }
   if (vhtm == nullptr) {
     trDebug(m->trCtx, m->debugCtl, "WARN: getVHostMatcher %s - not found\n", orNull(name));
   }
@@ -79,20 +92,30 @@ void URLMatcherDeleteVHostMatcher(URLMatcher* m, const char* name) {
   auto* vhtm = static_cast<VHostMatcher*>(kyrHashPut(m->vhostMatcherMap, name, nullptr));
   if (vhtm == nullptr) return;
   trDebug(m->trCtx, m->debugCtl, "URLMatcherDeleteVHostMatcher: %s\n", vhtm->name);
-  kyrListRemoveObject(m->vhostMatcherList, vhtm);  // deletes the group, whose name was the key
-  rebuildGroupArray(m);
+  kyrListFindAndRemove(m->vhostMatcherList, vhtm);
+  publishGroups(m);
+  kyrRoutingInfoRetire(m->ri, vhtm, vhostMatcherFree, sizeof(VHostMatcher));
+}
+
+void URLMatcherPublish(URLMatcher* m) {
+  for (KyrListEle* e = kyrListGetHead(m->vhostMatcherList); e != nullptr; e = kyrListGetNext(e)) {
+    URIMatcherPublish(getURIMatcher(static_cast<VHostMatcher*>(kyrListEleGetObject(e))));
+  }
 }
 
 URLMatch findLongestURI(const URLMatcher* m, KyrHttpContext* ctx, const char* host, int port,
                         const char* uri) {
   TrContext* trCtx = requestTrContext(ctx, m->trCtx);
-  trDebug(trCtx, m->debugReq, "matchLongestURI: %s:%d//%s, vhostNum=%d\n", orNull(host), port,
-          orNull(uri), m->vhtMatchersCount);
+  VHostMatcher** groups = kyrPublished(m->vhtMatchersArray);
   // The groups trace on the same record and context: with tracing off (the usual case) their
   // untraced test spares two enablement checks per group on every request.
   bool tracing = trContextLogEnabled(trCtx, m->debugReq) != 0;
+  if (tracing) {
+    trDebug(trCtx, m->debugReq, "matchLongestURI: %s:%d//%s, vhostNum=%d\n", orNull(host), port,
+            orNull(uri), groupCount(groups));
+  }
   URLMatch best{nullptr, nullptr};
-  for (VHostMatcher** group = m->vhtMatchersArray; *group != nullptr; ++group) {
+  for (VHostMatcher** group = groups; *group != nullptr; ++group) {
     bool accepted =
         tracing ? matchVHost(*group, host, port, ctx) : vhostAccepts(*group, host, port);
     if (!accepted) continue;
@@ -138,7 +161,7 @@ bool isBetterThan(const URLMatcher* urlMatcher, WebModule* lhsObj, WebModule* rh
 
 json_t* urlMatcherToJSON(const URLMatcher* m) {
   json_t* groups = json_array();
-  for (VHostMatcher** group = m->vhtMatchersArray; *group != nullptr; ++group) {
+  for (VHostMatcher** group = kyrPublished(m->vhtMatchersArray); *group != nullptr; ++group) {
     json_array_append_new(groups, vhostMatcherToJSON(*group));
   }
   json_t* json = json_object();

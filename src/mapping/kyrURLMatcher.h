@@ -7,7 +7,10 @@
 // Web modules are the request mapper's objects (kyrRequestMapper.h); this layer only reads
 // their name and context root. The matched group's name goes to the request context.
 //
-// Built while a routing-information version is assembled and read-only afterwards: no lock.
+// Requests walk the groups without a lock while the routing data may still add or delete one:
+// they read a null-terminated array that every change replaces with one atomic store, and the
+// old array and deleted groups are retired onto the version. The list and map belong to the
+// control lock that document application holds.
 #pragma once
 
 #include <jansson.h>
@@ -26,8 +29,7 @@ struct URLMatcher {
   KyrRoutingInfo* ri;
   KyrHashMap* vhostMatcherMap;      // group name -> VHostMatcher; keys are the groups' own names
   KyrList* vhostMatcherList;        // of VHostMatcher in the order added, owning
-  VHostMatcher** vhtMatchersArray;  // null-terminated copy of vhostMatcherList
-  int vhtMatchersCount;
+  VHostMatcher** vhtMatchersArray;  // null-terminated copy of vhostMatcherList; atomic pointer
   TrContext* trCtx;
   TrRecord* debugCtl;  // "control.mapper"
   TrRecord* debugReq;  // "http.request.map.url"
@@ -39,10 +41,12 @@ void kyrURLMatcherDestroy(URLMatcher* m);
 
 // Appends the group (the matcher takes it over) and enters it under its name.
 void addVHostMatcher(URLMatcher* m, VHostMatcher* vhtm);
-// The group of that name, or null.
+// The group of that name, or null, among the published groups: any thread, no lock.
 VHostMatcher* getVHostMatcher(const URLMatcher* m, const char* name);
-// Removes the group of that name and deletes it.
+// Removes the group of that name; it is deleted with the version.
 void URLMatcherDeleteVHostMatcher(URLMatcher* m, const char* name);
+// Makes every group's URI patterns put since the last publish visible to requests.
+void URLMatcherPublish(URLMatcher* m);
 
 // The best web module and the group that gave it; both null when no group maps the request.
 struct URLMatch {

@@ -3,16 +3,25 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/kyrRoutingInfo.h"
 #include "mapping/kyrRequestMapper.h"
 #include "runtime/kyrLibUtil.h"
+#include "runtime/kyrPublish.h"
 #include "runtime/kyrUtil.h"
 
 namespace kyr {
 namespace {
 
+void hapFree(void* hap) { hapDelete(static_cast<HttpAffinityPolicy*>(hap)); }
+
+void retirePolicy(WebModule* wm, HttpAffinityPolicy* hap) {
+  kyrRoutingInfoRetire(wm->rm->ri, hap, hapFree, sizeof(HttpAffinityPolicy));
+}
+
+// Target selection installs a module's first policy under the selector lock while the routing
+// data may drop it, so the slot is exchanged atomically and what it held is retired.
 void installPolicy(WebModule* wm, HttpAffinityPolicy* hap) {
-  hapDelete(wm->hap);
-  wm->hap = hap;
+  retirePolicy(wm, kyrPublishExchange(wm->hap, hap));
 }
 
 }  // namespace
@@ -38,8 +47,15 @@ void rmWebModuleInit(WebModule* wm) {
 }
 
 void rmWebModuleDelete(WebModule* wm) {
-  // A no-op while the application's list is being destroyed: that list is detached first.
-  kyrListFindAndRemove(wm->application->webModules, wm);
+  Application* app = wm->application;
+  kyrListFindAndRemove(app->webModules, wm);
+  appPublishWebModules(app);
+  // Requests may have mapped to the module, and its policy may be in use.
+  kyrRoutingInfoRetire(wm->rm->ri, wm, rmWebModuleFree, sizeof(WebModule));
+}
+
+void rmWebModuleFree(void* p) {
+  auto* wm = static_cast<WebModule*>(p);
   kyrListDestroy(wm->uris);
   kyrListDestroy(wm->clusters);
   hapDelete(wm->hap);
@@ -55,21 +71,23 @@ void rmWebModuleAddUri(WebModule* wm, const char* uri) {
 
 bool rmWebModuleSetPropStr(WebModule* wm, const char* name, const char* value) {
   if (strcmp(name, "contextRoot") == 0) {
-    kyrReplaceCountedStr(&wm->contextRoot, value);
+    kyrRoutingInfoReplaceText(wm->rm->ri, &wm->contextRoot, value);
   } else if (strcmp(name, "sessionAffinityCookies") == 0) {
-    kyrReplaceCountedStr(&wm->sessionAffinityCookies, value);
+    wmSetSessionAffinityCookies(wm, value);
   } else if (strcmp(name, "protocolMap") == 0) {
+    KyrSSLMapMode mode;
     if (value == nullptr) {
-      wm->sslMapMode = NullMapMode;
+      mode = NullMapMode;
     } else if (strcmp(value, "direct") == 0) {
-      wm->sslMapMode = MapInboundToOutbound;
+      mode = MapInboundToOutbound;
     } else if (strcmp(value, "http") == 0) {
-      wm->sslMapMode = SSLOffLoad;
+      mode = SSLOffLoad;
     } else if (strcmp(value, "https") == 0) {
-      wm->sslMapMode = SSLOnLoad;
+      mode = SSLOnLoad;
     } else {
       return false;
     }
+    kyrPublish(wm->sslMapMode, mode);
   } else {
     return false;
   }
@@ -81,25 +99,32 @@ bool rmWebModuleSetPropInt(WebModule*, const char*, int) { return false; }
 bool rmWebModuleSetPropBool(WebModule* wm, const char* name, bool value) {
   // "routingEnabled" is known but deliberately refused, like any unknown name.
   if (strcmp(name, "fileServingEnabled") != 0) return false;
-  wm->fileServingEnabled = value;
+  rmWebModuleSetFileServingEnabled(wm, value);
   return true;
 }
 
 const char* rmWebModuleGetName(WebModule* wm) { return wm->name; }
 const char* rmWebModuleGetAppSimpleName(WebModule* wm) { return wm->application->simpleName; }
-KyrSSLMapMode rmWebModuleGetSSLMapMode(WebModule* wm) { return wm->sslMapMode; }
+KyrSSLMapMode rmWebModuleGetSSLMapMode(WebModule* wm) { return kyrPublished(wm->sslMapMode); }
 void rmWebModuleSetFileServingEnabled(WebModule* wm, bool enabled) {
-  wm->fileServingEnabled = enabled;
+  kyrPublish(wm->fileServingEnabled, enabled);
 }
-bool rmWebModuleGetFileServingEnabled(WebModule* wm) { return wm->fileServingEnabled; }
+bool rmWebModuleGetFileServingEnabled(WebModule* wm) {
+  return kyrPublished(wm->fileServingEnabled);
+}
 const char* wmGetName(WebModule* wm) { return wm->name; }
-const char* wmGetContextRoot(WebModule* wm) { return wm->contextRoot; }
+const char* wmGetContextRoot(WebModule* wm) { return kyrPublished(wm->contextRoot); }
 Application* wmGetApplication(WebModule* wm) { return wm->application; }
-HttpAffinityPolicy* wmGetHttpAffinityPolicy(WebModule* wm) { return wm->hap; }
+HttpAffinityPolicy* wmGetHttpAffinityPolicy(WebModule* wm) { return kyrPublished(wm->hap); }
 KyrList* wmGetClusters(WebModule* wm) { return wm->clusters; }
-const char* wmGetSessionAffinityCookies(WebModule* wm) { return wm->sessionAffinityCookies; }
+const char* wmGetSessionAffinityCookies(WebModule* wm) {
+  return kyrPublished(wm->sessionAffinityCookies);
+}
 void wmSetSessionAffinityCookies(WebModule* wm, const char* cookies) {
-  kyrReplaceCountedStr(&wm->sessionAffinityCookies, cookies);
+  kyrRoutingInfoReplaceText(wm->rm->ri, &wm->sessionAffinityCookies, cookies);
+}
+void wmDropHttpAffinityPolicy(WebModule* wm) {
+  retirePolicy(wm, kyrPublishExchange(wm->hap, nullptr));
 }
 
 HttpAffinityPolicy* hapCreate(WebModule* wm, char** cookieNames, const char* delimiter,

@@ -6,6 +6,7 @@
 #include "core/kyrRoutingInfo.h"
 #include "lang/kyrAction.h"
 #include "runtime/kyrLibUtil.h"
+#include "runtime/kyrPublish.h"
 #include "trace/trWrite.h"
 
 namespace kyr {
@@ -34,13 +35,18 @@ WebRouteWorkClass* rmWebRouteWorkClassCreate(Application* app, const char* name)
 void rmWebRouteWorkClassInit(WebRouteWorkClass* wc) {
   Application* app = wc->application;
   kyrListAddTail(app->webRouteWorkClasses, wc);
-  if (isDefaultWebRouteWorkClass(wc)) app->defaultWebRouteWorkClass = wc;
+  if (isDefaultWebRouteWorkClass(wc)) kyrPublish(app->defaultWebRouteWorkClass, wc);
 }
 
 void rmWebRouteWorkClassDelete(WebRouteWorkClass* wc) {
   Application* app = wc->application;
-  if (app->defaultWebRouteWorkClass == wc) app->defaultWebRouteWorkClass = nullptr;
+  if (app->defaultWebRouteWorkClass == wc) kyrPublish(app->defaultWebRouteWorkClass, nullptr);
   kyrListFindAndRemove(app->webRouteWorkClasses, wc);
+  kyrRoutingInfoRetire(app->rm->ri, wc, webRouteWorkClassFree, sizeof(WebRouteWorkClass));
+}
+
+void webRouteWorkClassFree(void* p) {
+  auto* wc = static_cast<WebRouteWorkClass*>(p);
   // The rules are released one by one by their own deletes; what is left goes with the set.
   kyrRulesFree(wc->rules);
   kyrFree(wc->name);

@@ -18,7 +18,11 @@ struct WebRouteWorkClass {
 bool isDefaultWebRouteWorkClass(const WebRouteWorkClass* wc);
 WebRouteWorkClass* rmWebRouteWorkClassCreate(Application* app, const char* name);
 void rmWebRouteWorkClassInit(WebRouteWorkClass* wc);
+// Takes the work class out of its application; it is freed with the version, since a request
+// may be matching its rules.
 void rmWebRouteWorkClassDelete(WebRouteWorkClass* wc);
+// Frees the work class with the rules left in its set; only with its version.
+void webRouteWorkClassFree(void* wc);
 bool rmWebRouteWorkClassSetPropStr(WebRouteWorkClass* wc, const char* name, const char* value);
 bool rmWebRouteWorkClassSetPropInt(WebRouteWorkClass* wc, const char* name, int value);
 bool rmWebRouteWorkClassSetPropBool(WebRouteWorkClass* wc, const char* name, bool value);

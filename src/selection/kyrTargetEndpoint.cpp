@@ -4,7 +4,9 @@
 #include <cstring>
 
 #include "core/kyr.h"
+#include "core/kyrRoutingInfo.h"
 #include "runtime/kyrLibUtil.h"
+#include "runtime/kyrPublish.h"
 #include "selection/kyrTargetSelector.h"
 #include "selection/kyrTargetSelectorInternal.h"
 #include "trace/trWrite.h"
@@ -119,9 +121,9 @@ bool tsEndPointSetPropStr(KyrTargetEndpoint* tep, const char* name, const char* 
     }
     tep->protoIndex = index;
   } else if (strcmp(name, "host") == 0) {
-    tsReplaceStr(&tep->host, value);
+    kyrRoutingInfoReplaceText(server->selector->ri, &tep->host, value);
   } else if (strcmp(name, "namedEndpoint") == 0) {
-    tsReplaceStr(&tep->namedEndpoint, value);
+    kyrRoutingInfoReplaceText(server->selector->ri, &tep->namedEndpoint, value);
   } else {
     return false;
   }
@@ -133,9 +135,9 @@ bool tsEndPointSetPropInt(KyrTargetEndpoint* tep, const char* name, int value) {
   if (name == nullptr) return false;
   KyrLockGuard guard(tep->server->selector->lock, "tsEndPointSetPropInt");
   if (strcmp(name, "port") == 0) {
-    tep->port = value;
+    kyrPublish(tep->port, value);
   } else if (strcmp(name, "persistentTimeout") == 0) {
-    tep->persistentTimeout = value;
+    kyrPublish(tep->persistentTimeout, value);
   } else {
     return false;
   }
@@ -162,6 +164,7 @@ EnvTargetEndpoint* tsEndPointGetEnvEndPoint(KyrTargetEndpoint* tep) {
 // ---- Public getters: the host reads an endpoint it was handed. A null endpoint, or one
 // without a server, gives the values a new server would have.
 
+using kyr::kyrPublished;
 using kyr::TargetServer;
 
 namespace {
@@ -191,10 +194,12 @@ const char* kyrTargetEndpointGetProtocol(KyrTargetEndpoint* tep) {
 }
 
 const char* kyrTargetEndpointGetHostName(KyrTargetEndpoint* tep) {
-  return tep != nullptr ? tep->host : nullptr;
+  return tep != nullptr ? kyrPublished(tep->host) : nullptr;
 }
 
-int kyrTargetEndpointGetPort(KyrTargetEndpoint* tep) { return tep != nullptr ? tep->port : -1; }
+int kyrTargetEndpointGetPort(KyrTargetEndpoint* tep) {
+  return tep != nullptr ? kyrPublished(tep->port) : -1;
+}
 
 const char* kyrTargetEndpointGetCloneId(KyrTargetEndpoint* tep) {
   TargetServer* server = serverOf(tep);
@@ -203,35 +208,37 @@ const char* kyrTargetEndpointGetCloneId(KyrTargetEndpoint* tep) {
 
 int kyrTargetEndpointGetConnectTimeout(KyrTargetEndpoint* tep) {
   TargetServer* server = serverOf(tep);
-  return server != nullptr ? server->connectTimeout : 5;
+  return server != nullptr ? kyrPublished(server->connectTimeout) : 5;
 }
 
 int kyrTargetEndpointGetIOTimeout(KyrTargetEndpoint* tep) {
   TargetServer* server = serverOf(tep);
-  return server != nullptr ? server->ioTimeout : 900;
+  return server != nullptr ? kyrPublished(server->ioTimeout) : 900;
 }
 
 int kyrTargetEndpointGetIOTimeoutRetry(KyrTargetEndpoint* tep) {
   TargetServer* server = serverOf(tep);
-  return server != nullptr && server->cluster != nullptr ? server->cluster->ioTimeoutRetry : -1;
+  return server != nullptr && server->cluster != nullptr
+             ? kyrPublished(server->cluster->ioTimeoutRetry)
+             : -1;
 }
 
 int kyrTargetEndpointGetPersistentTimeout(KyrTargetEndpoint* tep) {
-  return tep != nullptr ? tep->persistentTimeout : 30;
+  return tep != nullptr ? kyrPublished(tep->persistentTimeout) : 30;
 }
 
 Boolean kyrTargetEndpointGetExtendedHandshake(KyrTargetEndpoint* tep) {
   TargetServer* server = serverOf(tep);
-  return server != nullptr && server->extendedHandshake;
+  return server != nullptr && kyrPublished(server->extendedHandshake);
 }
 
 Boolean kyrTargetEndpointGetWaitForContinue(KyrTargetEndpoint* tep) {
   TargetServer* server = serverOf(tep);
-  return server != nullptr && server->waitForContinue;
+  return server != nullptr && kyrPublished(server->waitForContinue);
 }
 
 const char* kyrTargetEndpointGetNamedEndpoint(KyrTargetEndpoint* tep) {
-  return tep != nullptr ? tep->namedEndpoint : nullptr;
+  return tep != nullptr ? kyrPublished(tep->namedEndpoint) : nullptr;
 }
 
 EnvTargetEndpoint* kyrTargetEndpointGetEnvTargetEndpoint(KyrTargetEndpoint* tep) {

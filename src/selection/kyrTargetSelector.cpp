@@ -7,6 +7,7 @@
 
 #include "core/kyrRoutingInfo.h"
 #include "runtime/kyrLibUtil.h"
+#include "runtime/kyrPublish.h"
 #include "selection/kyrTargetSelectorInternal.h"
 #include "trace/trWrite.h"
 
@@ -269,9 +270,19 @@ void tsClusterSetSessionAffinityCookies(Cluster* cluster, const char* cookies) {
   tsReplaceStr(&cluster->sessionAffinityCookies, cookies);
 }
 
-void tsClusterSetServerType(Cluster* cluster, KyrServerType type) { cluster->serverType = type; }
-void tsClusterSetIoTimeoutRetry(Cluster* cluster, int retry) { cluster->ioTimeoutRetry = retry; }
-void tsClusterSetLearnServerIds(Cluster* cluster, bool learn) { cluster->learnServerIds = learn; }
+void tsClusterSetServerType(Cluster* cluster, KyrServerType type) {
+  KyrLockGuard guard(cluster->selector->lock, "tsClusterSetServerType");
+  cluster->serverType = type;
+}
+void tsClusterSetIoTimeoutRetry(Cluster* cluster, int retry) {
+  // The endpoint getters hand it to the host without the lock.
+  KyrLockGuard guard(cluster->selector->lock, "tsClusterSetIoTimeoutRetry");
+  kyrPublish(cluster->ioTimeoutRetry, retry);
+}
+void tsClusterSetLearnServerIds(Cluster* cluster, bool learn) {
+  KyrLockGuard guard(cluster->selector->lock, "tsClusterSetLearnServerIds");
+  cluster->learnServerIds = learn;
+}
 
 bool tsClusterSetPropStr(Cluster* cluster, const char* name, const char* value) {
   if (name == nullptr) return false;
@@ -283,6 +294,7 @@ bool tsClusterSetPropStr(Cluster* cluster, const char* name, const char* value) 
     tsClusterSetServerType(cluster, convertToKyrServerTypeEnum(value));
   } else if (strcmp(name, "appEditionRolloutState") == 0) {
     // Only the first five characters count: "BEGIN_..." variants all start a rollout.
+    KyrLockGuard guard(cluster->selector->lock, "tsClusterSetPropStr");
     cluster->editionRolloutInProgress = value != nullptr && strncmp(value, "BEGIN", 5) == 0;
   } else {
     return false;

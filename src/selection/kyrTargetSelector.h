@@ -86,6 +86,7 @@ struct TargetServer {
   char* sessionAffinityCookies;
   bool cloneSeparatorChange;
   bool started;  // state is exactly "STARTED"
+  bool deleted;  // the routing data deleted it; only references keep it
   int weight;    // below 1: never chosen by load balancing
   // Handed to the host through the endpoint getters without the lock (plain stores).
   int connectTimeout;
@@ -306,9 +307,8 @@ void tsTargetInfoDecrementRefCnt(KyrHttpContext* ctx);
 // Request completion: gives back the outstanding count and feeds the server's calculators.
 // Returns the application's remaining count. Takes the selector lock.
 int tsServerApplicationDecrementOutstandingRequestCount(KyrHttpContext* ctx,
-                                                        TargetServerApplication* sapp,
-                                                        KyrTime now, KyrTime serviceTime,
-                                                        bool timeout);
+                                                        TargetServerApplication* sapp, KyrTime now,
+                                                        KyrTime serviceTime, bool timeout);
 
 // The steps of a selection; each expects the selector lock held.
 KyrTargetEndpoint* selectEndpoint(KyrHttpContext* ctx, TargetSelector* ts, KyrList* endpoints);
@@ -318,8 +318,7 @@ HttpAffinityPolicy* getDefaultPolicy(TargetSelector* ts, WebModule* webModule);
 const char* getCloneIDSeparator(Cluster* cluster);
 // The server application that the request's session cookie or "jsessionid" path parameter
 // names, or null; `reason` collects why each clone ID found could not be used.
-TargetServerApplication* getAffinityTargetServerApplication(KyrHttpContext* ctx,
-                                                            VirtualCluster* vc,
+TargetServerApplication* getAffinityTargetServerApplication(KyrHttpContext* ctx, VirtualCluster* vc,
                                                             const char* appName, KyrTime now,
                                                             std::string* reason);
 // The session ID after the path parameter `name` (also tried in upper and lower case): a

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "runtime/kyrLibUtil.h"
+#include "runtime/kyrPublish.h"
 #include "selection/kyrTargetSelector.h"
 #include "selection/kyrTargetSelectorInternal.h"
 #include "trace/trWrite.h"
@@ -27,6 +28,16 @@ void forEachEndPoint(TargetServer* server, void (*fn)(KyrTargetEndpoint*)) {
       fn(static_cast<KyrTargetEndpoint*>(kyrListEleGetObject(e)));
     }
   }
+}
+
+// The clone ID map and the node's list stop naming the server. The selector lock must be held.
+void leaveLookups(TargetServer* server) {
+  TargetSelector* ts = server->selector;
+  // Another server may have claimed the same clone ID later; its entry stays.
+  if (server->cloneId != nullptr && kyrHashGet(ts->serverMapByCloneId, server->cloneId) == server) {
+    kyrHashPut(ts->serverMapByCloneId, server->cloneId, nullptr);
+  }
+  kyrListFindAndRemove(server->node->servers, server);
 }
 
 void setStateLocked(TargetServer* server, const char* state) {
@@ -116,7 +127,13 @@ void tsServerReleaseRef(TargetServer* server) {
 }
 
 void tsServerDelete(TargetServer* server) {
-  KyrLockGuard guard(server->selector->lock, "tsServerDelete");
+  TargetSelector* ts = server->selector;
+  KyrLockGuard guard(ts->lock, "tsServerDelete");
+  // Its applications and endpoints, and requests, may keep the server's memory for a while;
+  // the cell no longer has it, so neither affinity nor load balancing may find it meanwhile.
+  server->deleted = true;
+  leaveLookups(server);
+  serverRecomputeSelectability(server);
   tsServerReleaseRef(server);
 }
 
@@ -128,11 +145,7 @@ void tsServerFree(TargetServer* server) {
   // Applications and endpoints hold a reference on the server, so none is left here: either
   // they went first or the whole version is being deleted, which frees them first.
   for (KyrList* list : server->endPoints) kyrListDestroy(list);
-  // Another server may have claimed the same clone ID later; its entry stays.
-  if (server->cloneId != nullptr && kyrHashGet(ts->serverMapByCloneId, server->cloneId) == server) {
-    kyrHashPut(ts->serverMapByCloneId, server->cloneId, nullptr);
-  }
-  kyrListFindAndRemove(server->node->servers, server);
+  leaveLookups(server);
   if (server->cluster != nullptr) kyrListFindAndRemove(server->cluster->servers, server);
   kyrListRemove(ts->allServers, server->registryEle);
   TargetNode* node = server->node;
@@ -188,9 +201,13 @@ void tsServerSetSessionAffinityCookies(TargetServer* server, const char* cookies
   tsReplaceStr(&server->sessionAffinityCookies, cookies);
 }
 
-void tsServerSetType(TargetServer* server, KyrServerType type) { server->type = type; }
+void tsServerSetType(TargetServer* server, KyrServerType type) {
+  KyrLockGuard guard(server->selector->lock, "tsServerSetType");
+  server->type = type;
+}
 
 void tsServerSetCloneSeparatorChange(TargetServer* server, bool change) {
+  KyrLockGuard guard(server->selector->lock, "tsServerSetCloneSeparatorChange");
   server->cloneSeparatorChange = change;
 }
 
@@ -231,7 +248,10 @@ bool tsServerSetPropInt(TargetServer* server, const char* name, int value) {
   };
   for (const auto& f : kFields) {
     if (strcmp(name, f.name) == 0) {
-      server->*f.field = value;
+      // Selection reads these under the lock; the endpoint getters hand them to the host
+      // without it.
+      KyrLockGuard guard(server->selector->lock, "tsServerSetPropInt");
+      kyrPublish(server->*f.field, value);
       return true;
     }
   }
@@ -243,9 +263,9 @@ bool tsServerSetPropBool(TargetServer* server, const char* name, bool value) {
   if (strcmp(name, "cloneSeparatorChange") == 0) {
     tsServerSetCloneSeparatorChange(server, value);
   } else if (strcmp(name, "waitForContinue") == 0) {
-    server->waitForContinue = value;
+    kyrPublish(server->waitForContinue, value);
   } else if (strcmp(name, "extendedHandshake") == 0) {
-    server->extendedHandshake = value;
+    kyrPublish(server->extendedHandshake, value);
   } else {
     return false;
   }
@@ -275,7 +295,9 @@ KyrConnector* tsServerGetConnector(TargetServer* server) { return server->connec
 void serverRecomputeSelectability(TargetServer* server) {
   const char* noAffinity = nullptr;
   const char* noLoadBalancing = nullptr;
-  if (!server->started) {
+  if (server->deleted) {
+    noAffinity = noLoadBalancing = "server was deleted";
+  } else if (!server->started) {
     noAffinity = noLoadBalancing = "server is not started";
   } else if (server->maintenanceMode == BreakMM) {
     noAffinity = noLoadBalancing = "server is in break maintenance mode";

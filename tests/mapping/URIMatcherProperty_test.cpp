@@ -180,6 +180,7 @@ TEST_F(URIMatcherProperty, TreeAgreesWithTheModelOnRandomPatternsAndUris) {
       model.put(pattern, names[i]);
       kyr::URIMatcherPut(matcher, pattern.c_str(), target(names[i].c_str()), false);
     }
+    kyr::URIMatcherPublish(matcher);
     for (int u = 0; u < 300; ++u, ++compared) {
       std::string uri = g.uri(patterns);
       std::string expected = model.match(uri);

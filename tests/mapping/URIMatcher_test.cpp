@@ -38,6 +38,7 @@ class URIMatcherTest : public kyrtest::MappingTest {
       kyr::URIMatcherPut(matcher_, item.substr(0, eq).c_str(), *name ? target(name) : nullptr,
                          false);
     }
+    kyr::URIMatcherPublish(matcher_);
   }
   std::string match(const char* uri) { return text(kyr::URIMatcherMatch(matcher_, uri, nullptr)); }
   std::string dump() {

@@ -85,7 +85,7 @@ TEST_F(VHostMatcherTest, AnyHostOnAPortCoversAndPrunesSpecificAliases) {
   EXPECT_FALSE(accepts("host1.", 80));
   EXPECT_EQ(kyr::putVHost(vhtm_, "*", 80), nullptr);
   EXPECT_EQ(aliasCount(), 1);  // only host1:81 is left
-  EXPECT_EQ(vhtm_->vhostArray[0]->port, 81);
+  EXPECT_EQ(vhtm_->aliases->vhosts[0]->port, 81);
   EXPECT_TRUE(accepts("anything", 80));
   EXPECT_FALSE(accepts("anything", 81));
   EXPECT_TRUE(accepts("host1", 81));
@@ -104,7 +104,7 @@ TEST_F(VHostMatcherTest, HostOnAnyPortCoversAndPrunesSpecificAliases) {
   EXPECT_EQ(kyr::putVHost(vhtm_, host.c_str(), -1), nullptr);
   host.assign("overwritten");
   EXPECT_EQ(aliasCount(), 1);
-  EXPECT_STREQ(vhtm_->vhostArray[0]->host, "host2");
+  EXPECT_STREQ(vhtm_->aliases->vhosts[0]->host, "host2");
   EXPECT_TRUE(accepts("Host1", 9999));
   EXPECT_EQ(kyr::putVHost(vhtm_, "host1", 443), nullptr);  // already accepted on any port
   EXPECT_EQ(aliasCount(), 1);
@@ -138,8 +138,7 @@ TEST_F(VHostMatcherTest, DeletingAnAliasRemovesOnlyIt) {
   kyr::delVHost(vhtm_, a);
   EXPECT_FALSE(accepts("a", 1));
   EXPECT_TRUE(accepts("b", 2));
-  EXPECT_EQ(vhtm_->vhostArray[0], b);
-  EXPECT_EQ(vhtm_->vhostArray[1], nullptr);
+  EXPECT_EQ(vhtm_->aliases->vhosts, std::vector<const kyr::VHost*>{b});
 }
 
 }  // namespace

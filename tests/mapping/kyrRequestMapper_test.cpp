@@ -122,6 +122,7 @@ TEST_F(RequestMapperObjects, OldPublishersModulesCoverEverythingBelowTheirRoot) 
   putVHost(group, "*", -1);
   for (bool linked : {true, false}) {
     rmLinkVHostAndWebModule(group, old, linked);
+    rmPublish(rm_);
     EXPECT_EQ(URIMatcherMatch(getURIMatcher(group), "/anything/at/all", nullptr), old) << linked;
   }
 }

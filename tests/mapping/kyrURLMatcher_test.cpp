@@ -52,6 +52,7 @@ class URLMatcherTest : public kyrtest::MappingTest {
   static void bind(kyr::VHostMatcher* g, kyr::WebModule* wm, const char* uri) {
     char* pattern = kyr::URIMatcherMakePattern(kyr::wmGetContextRoot(wm), uri);
     kyr::URIMatcherPut(kyr::getURIMatcher(g), pattern, wm, true);
+    kyr::URIMatcherPublish(kyr::getURIMatcher(g));
     kyr::kyrFree(pattern);
   }
 
@@ -126,7 +127,6 @@ TEST_F(URLMatcherTest, RemovedGroupIsGoneFromLookupAndMatching) {
   EXPECT_EQ(kyr::getVHostMatcher(m_, "g1"), nullptr);
   kyr::URLMatcherDeleteVHostMatcher(m_, "g1");  // unknown now: nothing happens
   kyr::URLMatcherDeleteVHostMatcher(m_, nullptr);
-  EXPECT_EQ(m_->vhtMatchersCount, 1);
 }
 
 }  // namespace

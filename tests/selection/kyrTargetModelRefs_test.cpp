@@ -44,10 +44,11 @@ TEST_F(ReferenceCounting, DeletedTargetStaysAliveUntilTheLastRequestLetsGo) {
   tsNodeDelete(n);
   tsClusterDelete(cl);
 
-  // Still usable by the request: the lists still show it until the request finishes.
+  // Still usable by the request, but no longer found by a new one.
   EXPECT_STREQ(s->name, "/cell/c1/node/n1/server/s1");
   EXPECT_NE(tsEndPointGetEnvEndPoint(tep), nullptr);
-  EXPECT_EQ(kyrHashGet(ts_->serverMapByCloneId, "clone1"), s);
+  EXPECT_EQ(kyrHashGet(ts_->serverMapByCloneId, "clone1"), nullptr);
+  EXPECT_EQ(kyrListFind(n->servers, s), nullptr);
 
   {
     KyrLockGuard guard(ts_->lock, "test");
