@@ -6,7 +6,7 @@ APT_PACKAGES := cmake ninja-build g++ pkg-config libjansson-dev libgtest-dev lib
 BUILD ?= build
 CTEST_ARGS ?= --output-on-failure -j2
 
-.PHONY: all deps build run test asan tsan fuzz bench clean
+.PHONY: all deps build run test asan tsan fuzz fuzz-build bench clean
 
 all: build
 
@@ -39,19 +39,46 @@ tsan: deps
 	cmake --build build-tsan
 	cd build-tsan && ctest $(CTEST_ARGS) -R Concurrency
 
-# The rule language under libFuzzer (clang) with ASan+UBSan, for FUZZ_SECONDS, starting from the
-# seed rules in tests/lang/corpus. Any crash, hang or leak fails the run.
+# Every parser of outside input under libFuzzer (clang) with ASan+UBSan: the rule language
+# (fuzz_lang), routing documents (fuzz_documents) and the request and response fields
+# (fuzz_request), each for FUZZ_SECONDS from its checked-in seeds, with a working corpus and
+# crash artifacts of its own under build-fuzz/. The inputs that once crashed the library
+# (tests/fuzz/crashes) are seeds too, so each is tried again on every run. Every fuzzer runs
+# even when an earlier one failed; any crash, leak or hang fails the target after printing the
+# end of that fuzzer's log.
 FUZZ_SECONDS ?= 60
-fuzz: deps
+FUZZERS := lang documents request
+FUZZ_BIN_lang := tests/lang/fuzz_lang
+FUZZ_SEEDS_lang := tests/lang/corpus
+FUZZ_ARGS_lang := -max_len=4096
+FUZZ_BIN_documents := tests/fuzz/fuzz_documents
+FUZZ_SEEDS_documents := tests/fuzz/documents tests/fuzz/crashes tests/data
+FUZZ_ARGS_documents := -max_len=16384 -dict=tests/fuzz/documents.dict
+FUZZ_BIN_request := tests/fuzz/fuzz_request
+FUZZ_SEEDS_request := tests/fuzz/request
+FUZZ_ARGS_request := -max_len=512 -len_control=0 -dict=tests/fuzz/request.dict
+
+fuzz: fuzz-build
+	@$(MAKE) --no-print-directory -j1 -k $(addprefix fuzz-run-,$(FUZZERS))
+
+fuzz-build: deps
 	@./.ci/install-deps clang-14 libclang-rt-14-dev
 	CC=clang-14 CXX=clang++-14 cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=Debug \
 	      -DKYR_SANITIZE=address -DKYR_FUZZ=ON -DKYR_BUILD_BENCHMARKS=OFF
-	cmake --build build-fuzz --target fuzz_lang
-	mkdir -p build-fuzz/corpus-lang
-	build-fuzz/tests/lang/fuzz_lang -max_total_time=$(FUZZ_SECONDS) -max_len=4096 \
-	      build-fuzz/corpus-lang tests/lang/corpus 2>build-fuzz/fuzz.log \
-	  || { tail -50 build-fuzz/fuzz.log; exit 1; }
-	@tail -3 build-fuzz/fuzz.log
+	cmake --build build-fuzz --target $(addprefix fuzz_,$(FUZZERS))
+
+# One fuzzer (after fuzz-build): make fuzz-run-documents FUZZ_SECONDS=600
+fuzz-run-%:
+	@mkdir -p build-fuzz/corpus-$* build-fuzz/artifacts-$*
+	@echo "fuzz_$*: $(FUZZ_SECONDS) s"
+	@UBSAN_OPTIONS=print_stacktrace=1 build-fuzz/$(FUZZ_BIN_$*) -max_total_time=$(FUZZ_SECONDS) \
+	      -rss_limit_mb=2048 -timeout=10 $(FUZZ_ARGS_$*) \
+	      -artifact_prefix=build-fuzz/artifacts-$*/ build-fuzz/corpus-$* $(FUZZ_SEEDS_$*) \
+	      </dev/null >build-fuzz/fuzz-$*.log 2>&1 \
+	  || { awk '/ERROR|runtime error|ALARM/ && !at { at = NR } at && NR < at + 40' \
+	           build-fuzz/fuzz-$*.log; tail -4 build-fuzz/fuzz-$*.log; \
+	       echo "fuzz_$* FAILED (log: build-fuzz/fuzz-$*.log)"; exit 1; }
+	@grep -E '^#[0-9]+ +DONE' build-fuzz/fuzz-$*.log | tail -1
 
 bench: build
 	$(BUILD)/bench/kyr_bench
