@@ -336,7 +336,7 @@ void* matchPattern(const Node* tree, std::string_view uri) {
 
 const char* targetText(const URIMatcher* matcher, void* target) {
   const char* text = static_cast<const char*>(target);
-  if (target != nullptr && matcher->targetKind == URITargetKind::WebModule) {
+  if (target != nullptr && kyrPublished(matcher->targetKind) == URITargetKind::WebModule) {
     text = wmGetName(static_cast<WebModule*>(target));
   }
   return text != nullptr ? text : "null";
@@ -409,7 +409,8 @@ void URIMatcherPut(URIMatcher* matcher, const char* patternStr, void* targetObj,
   }
   URITargetKind kind = isTargetWebModule ? URITargetKind::WebModule : URITargetKind::String;
   assert(matcher->targetKind == URITargetKind::Unknown || matcher->targetKind == kind);
-  matcher->targetKind = kind;
+  // Request threads read it for their trace text; it is set once, by the first put.
+  if (matcher->targetKind != kind) kyrPublish(matcher->targetKind, kind);
 
   const char* name = nullptr;
   bool generic = false;
