@@ -38,10 +38,11 @@ std::string completeDocument(int version, int weight) {
 // and are retried (a failure bars its server for a while, so only there), some responses bring
 // a partition table or a session cookie.
 bool forward(Kyr* kyr, int worker, int i) {
-  static const char* const paths[] = {"/shop/a",   "/duo/x",   "/vault/a;jsessionid=abc:c4",
-                                      "/portal/a", "/front/a", "/late/a"};
+  static const char* const paths[] = {"/shop/a", "/duo/x", "/vault/a;jsessionid=abc:c4",
+                                      "/portal/a", "/front/a"};
   EnvHttpContext r;
-  r.path = paths[i % 6];
+  // /late comes and goes with the routing data; it takes every other /front request.
+  r.path = i % 10 == 9 ? "/late/a" : paths[i % 5];
   if (i % 15 == 0) r.cookies["JSESSIONID"] = "0000abc:c2";  // on some /shop requests
   if (i % 5 == 1) r.virtualHost = "duo.example.com";
   KyrHttpContext* ctx = kyrHttpContextObtain(kyr, &r);
@@ -195,8 +196,7 @@ void routeWhileDocumentsArrive(bool initialised) {
   done = true;
   updater.join();
 
-  // Failed connections bar their server for a while, so some requests find none.
-  EXPECT_GT(routed.load(), kWorkers * kRequestsPerWorker / 4);
+  EXPECT_GT(routed.load(), kWorkers * kRequestsPerWorker / 2);
 
   // Every request gave its count back in the version it was routed with; the current one is
   // checked (the others are gone with their last request).
