@@ -17,6 +17,7 @@ KyrProperties* kyrPropertiesCreate(KyrSetPropertyFcn setPropertyFcn, void* passb
     kyrFree(props);
     return nullptr;
   }
+  props->lock = kyrLockCreate("KyrProperties.lock");
   props->setPropertyFcn = setPropertyFcn;
   props->passback = passback;
   return props;
@@ -26,11 +27,21 @@ KyrProperties* kyrPropertiesCreate(KyrSetPropertyFcn setPropertyFcn, void* passb
 void kyrPropertiesDelete(KyrProperties* props) {
   if (props == nullptr) return;
   kyrHashMapDestroy(props->map);
+  kyrLockDestroy(props->lock);
   kyrFree(props);
 }
 
 const char* kyrPropertyGet(KyrProperties* props, const char* propName) {
+  KyrLockGuard guard(props->lock, "kyrPropertyGet");
   return static_cast<const char*>(kyrHashGet(props->map, propName));
+}
+
+bool kyrPropertyCopy(KyrProperties* props, const char* propName, std::string* value) {
+  KyrLockGuard guard(props->lock, "kyrPropertyCopy");
+  const auto* text = static_cast<const char*>(kyrHashGet(props->map, propName));
+  if (text == nullptr) return false;
+  *value = text;
+  return true;
 }
 
 int kyrPropertySet(KyrProperties* props, const char* propName, const char* propValue,
@@ -39,11 +50,14 @@ int kyrPropertySet(KyrProperties* props, const char* propName, const char* propV
   // An unvalidated set is only for names the owner does not know.
   if (validate != (key != nullptr)) return -1;
   void* old;
-  if (validate && propValue != nullptr) {
-    old = kyrHashPut(props->map, key, strdup(propValue));
-  } else {
-    // Kept as the caller's pointer; the map never writes through it.
-    old = kyrHashPut(props->map, propName, const_cast<char*>(propValue));
+  {
+    KyrLockGuard guard(props->lock, "kyrPropertySet");
+    if (validate && propValue != nullptr) {
+      old = kyrHashPut(props->map, key, strdup(propValue));
+    } else {
+      // Kept as the caller's pointer; the map never writes through it.
+      old = kyrHashPut(props->map, propName, const_cast<char*>(propValue));
+    }
   }
   if (propValue == nullptr && old == nullptr) return 1;
   if (validate) free(old);

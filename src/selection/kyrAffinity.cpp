@@ -99,16 +99,17 @@ const char* getCloneIDSeparator(Cluster* cluster) {
 
 HttpAffinityPolicy* getDefaultPolicy(TargetSelector* ts, WebModule* webModule) {
   KyrProperties* props = kyrGetProperties(ts->kyr);
-  const char* descriptor = kyrPropertyGet(props, "HttpSessionAffinityPolicyDescriptor");
-  if (descriptor != nullptr) return hapCreate1(webModule, descriptor);
+  std::string descriptor;
+  if (kyrPropertyCopy(props, "HttpSessionAffinityPolicyDescriptor", &descriptor)) {
+    return hapCreate1(webModule, descriptor.c_str());
+  }
   std::string cookies;
-  if (const char* configured = kyrPropertyGet(props, "HttpSessionCookies")) {
-    cookies = configured;
-  } else {
-    const char* name = kyrPropertyGet(props, "TarnwickSessionCookieName");
+  if (!kyrPropertyCopy(props, "HttpSessionCookies", &cookies)) {
+    std::string name = "ZQJSESSIONID";
+    kyrPropertyCopy(props, "TarnwickSessionCookieName", &name);
     // Deliberately no comma before the name: the default list ends in the run-together name
     // "SSLJSESSIONIDZQJSESSIONID", and it is kept exactly as it has always been.
-    cookies = std::string("JSESSIONID,SSLJSESSIONID") + (name != nullptr ? name : "ZQJSESSIONID");
+    cookies = "JSESSIONID,SSLJSESSIONID" + name;
   }
   return hapCreate(webModule, splitCookieNames(cookies.c_str()), ":", false);
 }

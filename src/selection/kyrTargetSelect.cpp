@@ -180,9 +180,10 @@ KyrTargetEndpoint* selectEndpoint(KyrHttpContext* ctx, TargetSelector* ts, KyrLi
   auto* first = static_cast<KyrTargetEndpoint*>(kyrListEleGetObject(kyrListGetHead(endpoints)));
   // With one endpoint there is nothing to choose: spare the property lookup on the hot path.
   if (kyrListGetCount(endpoints) == 1) return first;
-  const char* enabled =
-      kyrPropertyGet(kyrGetProperties(ts->kyr), "enableEndpointSelectionBasedOnMatchedVHost");
-  if (enabled == nullptr || kyrStrCmpIgnoreCase(enabled, "TRUE") != 0) return first;
+  std::string enabled;
+  kyrPropertyCopy(kyrGetProperties(ts->kyr), "enableEndpointSelectionBasedOnMatchedVHost",
+                  &enabled);
+  if (kyrStrCmpIgnoreCase(enabled.c_str(), "TRUE") != 0) return first;
   const char* vhostName = kyrHttpContextGetMatchedVHostName(ctx);
   trDebug(kyrHttpContextGetTrContext(ctx), ts->selectRec,
           "enableEndpointSelectionBasedOnMatchedVHost is set, picking endpoint based on the "
