@@ -78,7 +78,7 @@ fuzz-run-%:
 	  || { awk '/ERROR|runtime error|ALARM/ && !at { at = NR } at && NR < at + 40' \
 	           build-fuzz/fuzz-$*.log; tail -4 build-fuzz/fuzz-$*.log; \
 	       echo "fuzz_$* FAILED (log: build-fuzz/fuzz-$*.log)"; exit 1; }
-	@grep -E '^#[0-9]+ +DONE' build-fuzz/fuzz-$*.log | tail -1
+	@grep -E '^#[0-9]+[[:space:]]+DONE' build-fuzz/fuzz-$*.log | tail -1
 
 bench: build
 	$(BUILD)/bench/kyr_bench
