@@ -64,8 +64,8 @@ KYR_EXPORT TrRecord* trMgrGetRecord(TrMgr* mgr, const char* path); /* NULL if un
 KYR_EXPORT void trMgrSetPrintf(TrMgr* mgr, TrPrintf fcn);
 
 /* Level names "OFF" .. "DEBUG", compared without regard to case. */
-KYR_EXPORT int trLevelNameToIndex(const char* levelName);  /* -1 for NULL or unknown */
-KYR_EXPORT const char* trLevelIndexToName(int index);      /* NULL outside 0..8 */
+KYR_EXPORT int trLevelNameToIndex(const char* levelName); /* -1 for NULL or unknown */
+KYR_EXPORT const char* trLevelIndexToName(int index);     /* NULL outside 0..8 */
 
 /* Records. trRecordGet ends the process for an unknown path: record paths are fixed in code. */
 KYR_EXPORT TrRecord* trRecordGet(TrMgr* mgr, const char* recordPath);

@@ -1,5 +1,6 @@
 // Trace enablement on the request hot path: trContextLogEnabled takes the context's lock, reads
-// one byte of the trace specification and releases the lock, for enabled and disabled records alike.
+// one byte of the trace specification and releases the lock, for enabled and disabled records
+// alike.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>

@@ -59,8 +59,9 @@ void kyrConnectorSetState(KyrConnector* c, KyrComponentState state, const char* 
   if (c->state == state) return;
   KyrComponentState old = c->state;
   c->state = state;
-  trDebug(c->cg->trCtx, c->cg->debugCtl, "KYR connector %s state change from %s to %s, reason: %s\n",
-          c->URL, kyrState2String(old), kyrState2String(state), reason);
+  trDebug(c->cg->trCtx, c->cg->debugCtl,
+          "KYR connector %s state change from %s to %s, reason: %s\n", c->URL, kyrState2String(old),
+          kyrState2String(state), reason);
   if (c->kyr->env.stateChange.kyrConnector != nullptr) {
     c->kyr->env.stateChange.kyrConnector(c, state, const_cast<char*>(reason));
   }

@@ -66,8 +66,7 @@ void kyrConnectorGroupUpdateRestURI(KyrConnectorGroup* cg) {
   trDebug(cg->trCtx, cg->debugCtl, "kyrConnectorGroupUpdateRestURI restURI='%s'\n", cg->restURI);
 }
 
-void kyrConnectorGroupSetState(KyrConnectorGroup* cg, KyrComponentState state,
-                               const char* reason) {
+void kyrConnectorGroupSetState(KyrConnectorGroup* cg, KyrComponentState state, const char* reason) {
   if (cg->state == state) return;
   KyrComponentState old = cg->state;
   cg->state = state;

@@ -21,7 +21,7 @@ struct KyrConnectorGroup {
   Boolean initialized;
   // Written under the control lock; atomic because the host may read it at any time.
   std::atomic<KyrComponentState> state;
-  int waitTime;             // seconds a long poll may wait at the publisher
+  int waitTime;  // seconds a long poll may wait at the publisher
   kyr::KyrProperties* props;
   kyr::KyrList* connectorList;
   KyrConnector* curConnector;

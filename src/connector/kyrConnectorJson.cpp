@@ -27,8 +27,9 @@ json_t* kyrConnectorGroupToJSON(KyrConnectorGroup* cg) {
   json_t* o = json_object();
   json_object_set_new(o, "state", json_string(kyrState2String(cg->state)));
   json_object_set_new(o, "initialized", json_boolean(cg->initialized));
-  json_object_set_new(o, "currentConnector",
-                      cg->curConnector != nullptr ? json_string(cg->curConnector->URL) : json_null());
+  json_object_set_new(
+      o, "currentConnector",
+      cg->curConnector != nullptr ? json_string(cg->curConnector->URL) : json_null());
   json_object_set_new(o, "connectors", connectors);
   return o;
 }

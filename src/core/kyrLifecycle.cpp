@@ -38,7 +38,8 @@ void waitForInitializationCompletion(Kyr* kyr, int timeoutInSecs) {
   while (!initializationDone(kyr->state)) {
     // Counting down before the sleep means N allows N-1 sleeps; hosts rely on 1 never sleeping.
     if (timeoutInSecs > 0 && --timeoutInSecs == 0) {
-      trDebug(kyr->trCtx, kyr->processRec, "Timed out waiting for KYR initialization to complete\n");
+      trDebug(kyr->trCtx, kyr->processRec,
+              "Timed out waiting for KYR initialization to complete\n");
       return;
     }
     trDebug(kyr->trCtx, kyr->processRec, "Waiting for KYR initialization to complete ...\n");

@@ -16,8 +16,7 @@ struct PartitionEntry {
 
 PartitionIDData* kyrGetPartitionData(Kyr* kyr, const char* clusterName) {
   if (kyr == nullptr || clusterName == nullptr) return nullptr;
-  auto* entry =
-      static_cast<PartitionEntry*>(kyrHashGet(kyr->partitionIDData.map, clusterName));
+  auto* entry = static_cast<PartitionEntry*>(kyrHashGet(kyr->partitionIDData.map, clusterName));
   return entry != nullptr ? entry->data : nullptr;
 }
 

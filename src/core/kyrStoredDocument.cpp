@@ -13,11 +13,11 @@ namespace {
 enum class SearchFor { Add, Set, Delete };
 
 struct SearchResult {
-  json_t* level;      // the object whose "objects" array was searched last
-  json_t* objects;    // that array (null when missing for a delete)
-  size_t index;       // position of the target in objects
-  json_t* target;     // null when not found
-  const char* rest;   // the unmatched remainder of the full name
+  json_t* level;     // the object whose "objects" array was searched last
+  json_t* objects;   // that array (null when missing for a delete)
+  size_t index;      // position of the target in objects
+  json_t* target;    // null when not found
+  const char* rest;  // the unmatched remainder of the full name
 };
 
 // "objects" may be written as a single object; the stored tree always keeps an array.
@@ -88,8 +88,8 @@ void deltaObjectsAdd(json_t* operation, const char* fullName, json_t* object,
                      const StoredDocumentTrace& trace) {
   SearchResult r = search(operation, fullName, SearchFor::Add);
   if (r.target != nullptr) {
-    trDebug(trace.ctx, trace.rec, "deltaObjects failure: not added because object already found: %s\n",
-            fullName);
+    trDebug(trace.ctx, trace.rec,
+            "deltaObjects failure: not added because object already found: %s\n", fullName);
     return;
   }
   json_t* added = json_object();
@@ -122,15 +122,15 @@ void deltaObjectsSet(json_t* operation, const char* fullName, const char* propNa
 void deltaObjectsDelete(json_t* operation, const char* fullName, const StoredDocumentTrace& trace) {
   SearchResult r = search(operation, fullName, SearchFor::Delete);
   if (r.target == nullptr) {
-    trDebug(trace.ctx, trace.rec, "deltaObjects failure: delete failed because '%s' was not found\n",
-            fullName);
+    trDebug(trace.ctx, trace.rec,
+            "deltaObjects failure: delete failed because '%s' was not found\n", fullName);
     return;
   }
   json_array_remove(r.objects, r.index);
 }
 
-void deltaRelAdd(json_t* operation, const char* relationship, json_t* element,
-                 const char* name1, const char* name2, const StoredDocumentTrace& trace) {
+void deltaRelAdd(json_t* operation, const char* relationship, json_t* element, const char* name1,
+                 const char* name2, const StoredDocumentTrace& trace) {
   json_t* array = relationshipArray(operation, relationship, true);
   size_t i;
   json_t* existing;

@@ -22,8 +22,8 @@ void deltaObjectsSet(json_t* operation, const char* fullName, const char* propNa
                      json_t* propValue, const StoredDocumentTrace& trace);
 void deltaObjectsDelete(json_t* operation, const char* fullName, const StoredDocumentTrace& trace);
 // A relationship element holds the two full names under the two type names.
-void deltaRelAdd(json_t* operation, const char* relationship, json_t* element,
-                 const char* name1, const char* name2, const StoredDocumentTrace& trace);
+void deltaRelAdd(json_t* operation, const char* relationship, json_t* element, const char* name1,
+                 const char* name2, const StoredDocumentTrace& trace);
 void deltaRelDelete(json_t* operation, const char* relationship, json_t* element);
 
 }  // namespace kyr

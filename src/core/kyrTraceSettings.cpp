@@ -1,13 +1,13 @@
 // The handle's trace settings: the default trace specification of the whole library, the
 // default specification for requests, and conditional request-trace rules.
+#include <cstdlib>
+#include <cstring>
+
 #include "core/kyr.h"
 #include "core/kyrRuleRows.h"
 #include "lang/kyrRule.h"
 #include "runtime/kyrUtil.h"
 #include "trace/trWrite.h"
-
-#include <cstdlib>
-#include <cstring>
 
 using namespace kyr;
 

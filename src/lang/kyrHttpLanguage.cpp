@@ -100,8 +100,9 @@ EvalValue evaluateClientHost(const Evaluable*, EvaluationContext* ec) {
   Request r = requestOf(ec);
   if (r.env == nullptr) return {};
   const auto& rq = r.env->http.request;
-  const char* proxied =
-      rq.getHeaderValue != nullptr ? rq.getHeaderValue(r.http, const_cast<char*>("$ZQRH")) : nullptr;
+  const char* proxied = rq.getHeaderValue != nullptr
+                            ? rq.getHeaderValue(r.http, const_cast<char*>("$ZQRH"))
+                            : nullptr;
   if (proxied != nullptr && *proxied != '\0') return EvalValue::ofString(proxied);
   return textOrNothing(rq.getClientHostName != nullptr ? rq.getClientHostName(r.http) : nullptr);
 }

@@ -105,7 +105,8 @@ json_t* rule(const std::string& name, const char* expression, const std::string&
 
 // The default work class of a first edition, choosing between it and the second.
 json_t* editionRules(const std::vector<std::string>& editions) {
-  json_t* wc = object("webRouteWorkClass", "/webRouteWorkClass/" + editions[0] + "_Default_HTTP_WC");
+  json_t* wc =
+      object("webRouteWorkClass", "/webRouteWorkClass/" + editions[0] + "_Default_HTTP_WC");
   json_t* rules = children(wc);
   json_array_append_new(rules, rule("10", "header$X-Beta = 'yes'", "permitsticky:" + editions[1]));
   json_array_append_new(rules, rule("20", "percentage$10", "permit:" + editions[1]));
@@ -216,8 +217,8 @@ std::string completeDocument(const CellShape& shape) {
           json_array_append_new(uris, object("uri", "/uri/" + escaped(uriPattern(k))));
         }
         json_array_append_new(appObjects, module);
-        std::string name = appName(shape, editions[e]) + "/webModule/mod" + std::to_string(m) +
-                           ".war";
+        std::string name =
+            appName(shape, editions[e]) + "/webModule/mod" + std::to_string(m) + ".war";
         json_array_append_new(clusterModule, link("cluster", clusterName, "webModule", name));
         // Requests reach a later edition through the first edition's rules, not by URL.
         if (e == 0) {

@@ -13,8 +13,8 @@ struct CellShape {
   int serversPerCluster = 100;  // spread round-robin over the nodes
   int appsPerCluster = 10;      // deployed on every member of the cluster
   int modulesPerApp = 3;
-  int urisPerModule = 10;       // a mix of prefix, suffix and exact patterns
-  int vHostGroups = 2;          // modules are bound to them in turn
+  int urisPerModule = 10;  // a mix of prefix, suffix and exact patterns
+  int vHostGroups = 2;     // modules are bound to them in turn
   // Above 0: this many applications in all, given to the clusters in turn, in place of
   // appsPerCluster (so that a cell may have fewer applications than clusters, or any number).
   int applications = 0;

@@ -12,12 +12,12 @@
 
 struct EnvHttpContext {
   const kyrroute::Request* request;
-  std::vector<std::pair<std::string, std::string>> headers;  // the request's, as changed
+  std::vector<std::pair<std::string, std::string>> headers;     // the request's, as changed
   std::vector<std::pair<std::string, std::string>> headersSet;  // by the library, in order
   int responseCode = 200;
   std::vector<std::pair<std::string, std::string>> responseHeaders;
   std::vector<std::pair<std::string, std::string>> cookiesSet;  // response cookies, in order
-  std::vector<std::string> groupNames;                           // none: no authenticated user
+  std::vector<std::string> groupNames;                          // none: no authenticated user
 };
 
 namespace kyrroute {

@@ -19,12 +19,23 @@ namespace {
 Library* g_current = nullptr;  // the trace callback carries no user data; one handle at a time
 
 // Beginnings of the reader's lines that report a problem.
-const char* const kProblems[] = {
-    "object with no type", "no object handler for type", "object of type",
-    "no parent name for", "parent for ", "failed to ", "set operation but object",
-    "unknown type for property", "skip ", "no relationship handler", "no colon found",
-    "unexpected ", "deltaObjects failure", "deltaRel: failed", "Invalid JSON",
-    "kyrRuleInit:", "Rule expression '"};
+const char* const kProblems[] = {"object with no type",
+                                 "no object handler for type",
+                                 "object of type",
+                                 "no parent name for",
+                                 "parent for ",
+                                 "failed to ",
+                                 "set operation but object",
+                                 "unknown type for property",
+                                 "skip ",
+                                 "no relationship handler",
+                                 "no colon found",
+                                 "unexpected ",
+                                 "deltaObjects failure",
+                                 "deltaRel: failed",
+                                 "Invalid JSON",
+                                 "kyrRuleInit:",
+                                 "Rule expression '"};
 
 bool isProblem(const std::string& text) {
   // URIs are stored in their module, never as objects of their own: not a problem.
@@ -127,8 +138,8 @@ Decision Library::route(const Request& request, const HeaderList& response) {
     d.host = orEmpty(kyrTargetEndpointGetHostName(tep));
     d.port = kyrTargetEndpointGetPort(tep);
     // The request goes out and its response comes back.
-    for (KyrHttpContextState state : {CONNECT_SUCCESS, REQUEST_SENDING, REQUEST_SENT,
-                                      RESPONSE_ARRIVED, RESPONSE_SENT}) {
+    for (KyrHttpContextState state :
+         {CONNECT_SUCCESS, REQUEST_SENDING, REQUEST_SENT, RESPONSE_ARRIVED, RESPONSE_SENT}) {
       kyrHttpContextSetState(ctx, state, 0, nullptr);
     }
   }

@@ -2,7 +2,6 @@
 // deliver them and shows what the library decides for requests (route), what it knows (state)
 // and what it found wrong in the documents (validate).
 #include <CLI/CLI.hpp>
-
 #include <fstream>
 #include <iostream>
 #include <optional>
@@ -115,8 +114,7 @@ int validate(Library& library, const Options& o) {
 }
 
 void addDocumentOptions(CLI::App* command, Options& o) {
-  command->add_option("--doc", o.doc, "complete routing document (JSON) to load first")
-      ->required();
+  command->add_option("--doc", o.doc, "complete routing document (JSON) to load first")->required();
   command->add_option("--delta", o.deltas, "delta document applied after it; repeatable")
       ->allow_extra_args(false);
 }
@@ -142,8 +140,9 @@ int main(int argc, char** argv) {
                        "file of requests, one per line: METHOD URL [| Name: value]...");
   routeCmd->add_option("--repeat", o.repeat, "route the requests N times and show the spread")
       ->check(CLI::PositiveNumber);
-  routeCmd->add_option("--respond", o.response,
-                       "header of the simulated response, e.g. 'Set-Cookie: JSESSIONID=0001:c1'")
+  routeCmd
+      ->add_option("--respond", o.response,
+                   "header of the simulated response, e.g. 'Set-Cookie: JSESSIONID=0001:c1'")
       ->allow_extra_args(false);
 
   CLI::App* stateCmd = app.add_subcommand("state", "print the library's state report (JSON)");

@@ -16,7 +16,8 @@ std::string actionText(const Decision& d) {
     case PERMIT:
       return d.sticky ? "permit (sticky)" : "permit";
     case REJECT:
-      return "reject " + std::to_string(d.errorCode) + (d.errorMsg.empty() ? "" : " (" + d.errorMsg + ")");
+      return "reject " + std::to_string(d.errorCode) +
+             (d.errorMsg.empty() ? "" : " (" + d.errorMsg + ")");
     case REDIRECT:
       return "redirect " + d.redirectURL;
     case SUSPEND:
@@ -42,7 +43,8 @@ std::string joined(const HeaderList& list, const char* separator) {
 json_t* pairsToJSON(const HeaderList& list) {
   json_t* array = json_array();
   for (const auto& [name, value] : list) {
-    json_array_append_new(array, json_pack("{s:s, s:s}", "name", name.c_str(), "value", value.c_str()));
+    json_array_append_new(array,
+                          json_pack("{s:s, s:s}", "name", name.c_str(), "value", value.c_str()));
   }
   return array;
 }
@@ -51,14 +53,16 @@ json_t* decisionToJSON(const Decision& d) {
   json_t* o = json_pack("{s:s, s:i, s:s}", "request", d.request.c_str(), "mapping", d.mapping,
                         "action", actionText(d).c_str());
   if (!d.module.empty()) json_object_set_new(o, "module", json_string(d.module.c_str()));
-  if (!d.application.empty()) json_object_set_new(o, "application", json_string(d.application.c_str()));
+  if (!d.application.empty())
+    json_object_set_new(o, "application", json_string(d.application.c_str()));
   if (d.action == PERMIT) json_object_set_new(o, "edition", json_string(d.edition.c_str()));
   if (d.action == REJECT) json_object_set_new(o, "errorCode", json_integer(d.errorCode));
   if (d.routed) {
     json_object_set_new(o, "server", json_string(d.server.c_str()));
     json_object_set_new(o, "cloneId", json_string(d.cloneId.c_str()));
-    json_object_set_new(o, "endpoint", json_pack("{s:s, s:s, s:i}", "protocol", d.protocol.c_str(),
-                                                 "host", d.host.c_str(), "port", d.port));
+    json_object_set_new(o, "endpoint",
+                        json_pack("{s:s, s:s, s:i}", "protocol", d.protocol.c_str(), "host",
+                                  d.host.c_str(), "port", d.port));
   }
   json_object_set_new(o, "headersSet", pairsToJSON(d.headersSet));
   json_object_set_new(o, "cookiesSet", pairsToJSON(d.cookiesSet));
@@ -72,9 +76,7 @@ void printJSON(std::ostream& out, json_t* json) {
   json_decref(json);
 }
 
-std::string outcome(const Decision& d) {
-  return d.routed ? d.server : actionText(d);
-}
+std::string outcome(const Decision& d) { return d.routed ? d.server : actionText(d); }
 
 }  // namespace
 
@@ -107,7 +109,8 @@ void printDistribution(std::ostream& out, const std::vector<Decision>& decisions
   for (const Decision& d : decisions) counts[outcome(d)]++;
   if (json) {
     json_t* o = json_object();
-    for (const auto& [what, count] : counts) json_object_set_new(o, what.c_str(), json_integer(count));
+    for (const auto& [what, count] : counts)
+      json_object_set_new(o, what.c_str(), json_integer(count));
     printJSON(out, o);
     return;
   }

@@ -35,8 +35,8 @@ bool parseUrl(const std::string& url, Request& r, std::string& error) {
   r.port = r.protocol == "https" ? 443 : 80;
   if (colon != std::string::npos) {
     std::string port = authority.substr(colon + 1);
-    if (port.empty() || port.size() > 5 || port.find_first_not_of("0123456789") != std::string::npos ||
-        std::stoi(port) > 65535) {
+    if (port.empty() || port.size() > 5 ||
+        port.find_first_not_of("0123456789") != std::string::npos || std::stoi(port) > 65535) {
       error = "URL '" + url + "' has a bad port '" + port + "'";
       return false;
     }
@@ -83,7 +83,8 @@ std::optional<Request> makeRequest(const std::string& method, const std::string&
                                    const std::vector<std::string>& headers, std::string& error) {
   Request r;
   r.method = method;
-  if (method.empty() || method.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZ") != std::string::npos) {
+  if (method.empty() ||
+      method.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZ") != std::string::npos) {
     error = "method '" + method + "' is not an HTTP method in capitals";
     return std::nullopt;
   }
@@ -107,8 +108,7 @@ std::optional<Request> parseRequestLine(const std::string& line, std::string& er
     error = "request line '" + line + "' is not 'METHOD URL [| Name: value]...'";
     return std::nullopt;
   }
-  return makeRequest(method, url, std::vector<std::string>(parts.begin() + 1, parts.end()),
-                     error);
+  return makeRequest(method, url, std::vector<std::string>(parts.begin() + 1, parts.end()), error);
 }
 
 }  // namespace kyrroute

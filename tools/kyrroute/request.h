@@ -19,7 +19,7 @@ struct Request {
   std::string query;  // without "?"
   std::vector<std::pair<std::string, std::string>> headers;
   std::map<std::string, std::string> cookies;  // from the Cookie headers
-  std::string text;                             // as written, for reports
+  std::string text;                            // as written, for reports
 };
 
 // A request from its parts; the error names what is wrong.
