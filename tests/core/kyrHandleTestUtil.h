@@ -1,21 +1,18 @@
-// Helpers shared by the library-handle tests: the counted-memory level with no handle alive, a
-// fixture holding a handle whose debug output is captured, a connector group's report, and host
-// endpoint objects counted per name.
+// Helpers of the library-handle tests: a fixture holding a handle whose debug output is
+// captured, checks of that output, and a connector group's report. The settled memory level,
+// the counted host endpoint objects and the trace capture they use come from tests/support.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <map>
-#include <memory>
-#include <mutex>
 #include <string>
 
 #include "connector/kyrConnectorGroup.h"
 #include "core/kyr.h"
-#include "runtime/kyrLibUtil.h"
-#include "selection/kyrTargetSelector.h"
+#include "support/hostEndpoints.h"
 #include "support/kyrTestHost.h"
-#include "trace/traceTestUtil.h"
+#include "support/memCount.h"
+#include "support/traceCapture.h"
 
 namespace kyrtest {
 
@@ -23,15 +20,6 @@ namespace kyrtest {
 inline Kyr* quietHandle(TestHost& host) {
   host.env.trace.printf = nullptr;
   return host.create();
-}
-
-// The control lock and the trace death row outlive every handle, so one handle is made and
-// destroyed first to bring them into being; the row is then emptied.
-inline int settledMemCount() {
-  TestHost warmUp;
-  kyrDestroy(quietHandle(warmUp));
-  kyr::trPurgeDeathRow();
-  return kyr::kyrGetMemCount();
 }
 
 // How many captured lines read exactly `text` once formatted.
@@ -52,52 +40,6 @@ inline ::testing::AssertionResult printedOnce(const std::string& text) {
 inline void reportGroupState(KyrConnectorGroup* cg, KyrComponentState state) {
   kyr::ControlLockGuard guard("test group report");
   kyr::kyrConnectorGroupSetState(cg, state, "test report");
-}
-
-// The host's endpoint objects, counted: a second live object for one name means two routing
-// versions did not share, and fewer deletes than creates an object never given back.
-struct HostEndpoint {
-  std::string name;
-};
-struct HostEndpoints {
-  std::mutex lock;  // routing versions on several threads create and delete concurrently
-  std::map<std::string, int> live;
-  int creates = 0;
-  int deletes = 0;
-  bool duplicate = false;
-};
-inline HostEndpoints& hostEndpoints() {
-  static HostEndpoints endpoints;
-  return endpoints;
-}
-inline EnvTargetEndpoint* createHostEndpoint(KyrTargetEndpoint* tep) {
-  HostEndpoints& e = hostEndpoints();
-  std::lock_guard<std::mutex> guard(e.lock);
-  ++e.creates;
-  e.duplicate |= ++e.live[tep->name] > 1;
-  return reinterpret_cast<EnvTargetEndpoint*>(new HostEndpoint{tep->name});
-}
-inline int deleteHostEndpoint(EnvTargetEndpoint* object) {
-  std::unique_ptr<HostEndpoint> endpoint(reinterpret_cast<HostEndpoint*>(object));
-  HostEndpoints& e = hostEndpoints();
-  std::lock_guard<std::mutex> guard(e.lock);
-  ++e.deletes;
-  --e.live[endpoint->name];
-  return 0;
-}
-inline void useHostEndpoints(EnvCallBacks& env) {
-  HostEndpoints& e = hostEndpoints();
-  std::lock_guard<std::mutex> guard(e.lock);
-  e.live.clear();
-  e.creates = e.deletes = 0;
-  e.duplicate = false;
-  env.targetEndpoint.create = createHostEndpoint;
-  env.targetEndpoint.KYR_DELETE_MEMBER = deleteHostEndpoint;
-}
-inline KyrTargetEndpoint endpointNamed(const char* name) {
-  KyrTargetEndpoint tep{};
-  tep.name = const_cast<char*>(name);
-  return tep;
 }
 
 // A created handle that writes its debug output ("control.process") to printed(). Tests that

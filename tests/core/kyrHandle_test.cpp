@@ -12,7 +12,7 @@
 
 #include "core/kyrHandleTestUtil.h"
 #include "mapping/kyrRequestMapper.h"
-#include "request/routingFixture.h"
+#include "support/routingFixture.h"
 
 namespace {
 

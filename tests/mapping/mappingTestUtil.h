@@ -4,29 +4,14 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <string>
-#include <thread>
 
 #include "core/kyrRoutingInfo.h"
-#include "runtime/kyrLibUtil.h"
 #include "support/kyrTestHost.h"
-#include "trace/traceTestUtil.h"
+#include "support/memCount.h"
+#include "support/traceCapture.h"
 
 namespace kyrtest {
-
-// The memory counter once other threads have stopped moving it: the worker thread of a handle
-// destroyed by an earlier test may still be releasing its blocks when the next test starts.
-inline int quietMemCount() {
-  int last = kyr::kyrGetMemCount();
-  for (int i = 0; i < 200; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    int now = kyr::kyrGetMemCount();
-    if (now == last) return now;
-    last = now;
-  }
-  return last;
-}
 
 // One handle for every mapping test: handles come and go with threads of their own, and a
 // handle destroyed by one test would move the memory counter under the next.
@@ -46,21 +31,21 @@ class MappingTest : public ::testing::Test {
     ASSERT_NE(kyr_, nullptr);
     ri_.kyr = kyr_;
     ASSERT_EQ(kyrSetDefaultTraceSpec(kyr_, ":NOTICE"), 0);
-    memAtStart_ = quietMemCount();
+    memAtStart_ = settledMemCount();
     printed().clear();
   }
 
   void TearDown() override {
-    EXPECT_EQ(quietMemCount(), memAtStart_) << "counted blocks left behind";
+    EXPECT_EQ(settledMemCount(), memAtStart_) << "counted blocks left behind";
   }
 
   // Mapping trace is DEBUG. The new trace specification (and the old one waiting for release)
   // stay with the handle until it goes, so they are not counted as left behind.
   void traceMapping() {
-    int before = quietMemCount();
+    int before = settledMemCount();
     ASSERT_EQ(kyrSetDefaultTraceSpec(kyr_, ":NOTICE,control.mapper:DEBUG,http.request.map:DEBUG"),
               0);
-    memAtStart_ += quietMemCount() - before;
+    memAtStart_ += settledMemCount() - before;
     printed().clear();
   }
 

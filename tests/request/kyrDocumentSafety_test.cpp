@@ -7,8 +7,8 @@
 
 #include <string>
 
-#include "request/routingFixture.h"
 #include "runtime/kyrLibUtil.h"
+#include "support/routingFixture.h"
 
 namespace {
 

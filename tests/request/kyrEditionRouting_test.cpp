@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "lang/kyrLangHooks.h"
-#include "request/routingFixture.h"
+#include "support/routingFixture.h"
 
 namespace {
 

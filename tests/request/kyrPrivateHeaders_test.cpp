@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "request/routingFixture.h"
+#include "support/routingFixture.h"
 
 namespace {
 

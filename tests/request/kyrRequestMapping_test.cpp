@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "request/routingFixture.h"
+#include "support/routingFixture.h"
 
 namespace {
 

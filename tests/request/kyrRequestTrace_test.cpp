@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "request/routingFixture.h"
+#include "support/routingFixture.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "core/kyrPartitionData.h"
-#include "request/routingFixture.h"
+#include "support/routingFixture.h"
 
 namespace {
 

@@ -11,8 +11,8 @@
 #include <thread>
 #include <vector>
 
-#include "core/kyrHandleTestUtil.h"
-#include "request/routingFixture.h"
+#include "support/memCount.h"
+#include "support/routingFixture.h"
 
 namespace {
 

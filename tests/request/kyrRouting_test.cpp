@@ -8,7 +8,7 @@
 #include <string>
 #include <thread>
 
-#include "request/routingFixture.h"
+#include "support/routingFixture.h"
 
 namespace {
 

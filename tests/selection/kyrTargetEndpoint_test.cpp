@@ -27,7 +27,7 @@ TEST_F(Endpoint, InitJoinsTheProtocolListButAStoppedServerNeedsNoHostObject) {
   EXPECT_TRUE(kyrListIsEmpty(s->endPoints[0]));
   EXPECT_EQ(kyrListEleGetObject(kyrListGetHead(s->endPoints[1])), https);
   tsEndPointSetPropStr(https, "host", "h2");
-  EXPECT_EQ(hostEndpoints().created, 0);
+  EXPECT_EQ(hostEndpoints().creates, 0);
   tsEndPointSetPropStr(https, "protocol", "http");  // a listed endpoint moves
   EXPECT_TRUE(kyrListIsEmpty(s->endPoints[1]));
   EXPECT_EQ(kyrListEleGetObject(kyrListGetHead(s->endPoints[0])), https);
@@ -41,7 +41,7 @@ TEST_F(Endpoint, OnARunningServerInitNeedsTheHostObjectAndDeleteReturnsIt) {
   EXPECT_NE(tsEndPointGetEnvEndPoint(tep), nullptr);
   EXPECT_EQ(hostEndpoints().createdFor, Strings{"h1:9080"});
   tsEndPointDelete(tep);
-  EXPECT_EQ(hostEndpoints().deleted, 1);
+  EXPECT_EQ(hostEndpoints().deletes, 1);
   EXPECT_TRUE(kyrListIsEmpty(s->endPoints[0]));
 
   hostEndpoints().refuse = true;
@@ -58,9 +58,9 @@ TEST_F(Endpoint, AcceptedPropertyRecreatesAHeldHostObjectSoTheHostSeesNewValues)
   EXPECT_TRUE(tsEndPointSetPropStr(tep, "host", "h2"));
   EXPECT_TRUE(tsEndPointSetPropInt(tep, "port", 9081));
   EXPECT_EQ(hostEndpoints().createdFor, (Strings{"h1:9080", "h2:9080", "h2:9081"}));
-  EXPECT_EQ(hostEndpoints().deleted, 2);
+  EXPECT_EQ(hostEndpoints().deletes, 2);
   EXPECT_FALSE(tsEndPointSetPropStr(tep, "bogus", "x"));  // refused: left alone
-  EXPECT_EQ(hostEndpoints().created, 3);
+  EXPECT_EQ(hostEndpoints().creates, 3);
 }
 
 TEST_F(Endpoint, VersionsShareOneHostObjectPerEndpointName) {
@@ -76,10 +76,10 @@ TEST_F(Endpoint, VersionsShareOneHostObjectPerEndpointName) {
   KyrTargetEndpoint* tb = endpoint(b, "/t/http", "http");
   ASSERT_TRUE(tsEndPointInit(ta));
   ASSERT_TRUE(tsEndPointInit(tb));
-  EXPECT_EQ(hostEndpoints().created, 1);
+  EXPECT_EQ(hostEndpoints().creates, 1);
   EXPECT_EQ(tsEndPointGetEnvEndPoint(ta), tsEndPointGetEnvEndPoint(tb));
   tsDelete(ts2);
-  EXPECT_EQ(hostEndpoints().deleted, 0);  // still held by the other version
+  EXPECT_EQ(hostEndpoints().deletes, 0);  // still held by the other version
   EXPECT_NE(tsEndPointGetEnvEndPoint(ta), nullptr);
 }
 

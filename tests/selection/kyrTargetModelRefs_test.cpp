@@ -60,7 +60,7 @@ TEST_F(ReferenceCounting, DeletedTargetStaysAliveUntilTheLastRequestLetsGo) {
   }
   EXPECT_EQ(kyrHashGet(ts_->serverMapByCloneId, "clone1"), nullptr);
   EXPECT_TRUE(kyrListIsEmpty(ts_->nodes));
-  EXPECT_EQ(hostEndpoints().deleted, hostEndpoints().created);
+  EXPECT_EQ(hostEndpoints().deletes, hostEndpoints().creates);
   EXPECT_EQ(kyrGetMemCount(), before);
 }
 

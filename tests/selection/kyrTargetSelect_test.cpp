@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "mapping/kyrRequestMapper.h"
-#include "request/routingFixture.h"
 #include "runtime/kyrProperties.h"
+#include "support/routingFixture.h"
 
 namespace {
 

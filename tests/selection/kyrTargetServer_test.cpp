@@ -158,13 +158,13 @@ TEST_F(ServerState, LeavingStoppedObtainsHostObjectsAndStoppingReturnsThem) {
   KyrTargetEndpoint* http = endpoint(s, "/ep/http", "http");
   ASSERT_TRUE(tsEndPointInit(http));
   ASSERT_TRUE(tsEndPointInit(endpoint(s, "/ep/https", "https")));
-  EXPECT_EQ(hostEndpoints().created, 0);  // a stopped server's endpoints need none
+  EXPECT_EQ(hostEndpoints().creates, 0);  // a stopped server's endpoints need none
   tsServerSetState(s, "STARTING");        // any state but STOPPED
   tsServerSetState(s, "STARTED");         // not a STOPPED transition: nothing more
-  EXPECT_EQ(hostEndpoints().created, 2);
+  EXPECT_EQ(hostEndpoints().creates, 2);
   EXPECT_NE(tsEndPointGetEnvEndPoint(http), nullptr);
   tsServerSetState(s, "STOPPED");
-  EXPECT_EQ(hostEndpoints().deleted, 2);
+  EXPECT_EQ(hostEndpoints().deletes, 2);
   EXPECT_EQ(tsEndPointGetEnvEndPoint(http), nullptr);
 }
 

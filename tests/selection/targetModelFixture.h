@@ -6,9 +6,7 @@
 #include <gtest/gtest.h>
 #include <jansson.h>
 
-#include <chrono>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "connector/kyrConnector.h"
@@ -16,61 +14,19 @@
 #include "core/kyrRoutingInfo.h"
 #include "runtime/kyrLibUtil.h"
 #include "selection/kyrTargetSelector.h"
+#include "support/hostEndpoints.h"
 #include "support/kyrTestHost.h"
-#include "trace/traceTestUtil.h"
+#include "support/memCount.h"
+#include "support/traceCapture.h"
 
 namespace kyrtest {
-
-// What the host saw of endpoint objects. Touched only by the thread applying routing data.
-struct HostEndpoints {
-  int created = 0;
-  int deleted = 0;
-  bool refuse = false;                  // the host gives no object
-  std::vector<std::string> createdFor;  // "host:port" at creation
-};
-
-inline HostEndpoints& hostEndpoints() {
-  static HostEndpoints h;
-  return h;
-}
-
-// The host object is a counted block so a missing delete shows as a leak under ASan.
-inline EnvTargetEndpoint* hostCreateEndpoint(KyrTargetEndpoint* tep) {
-  HostEndpoints& h = hostEndpoints();
-  if (h.refuse) return nullptr;
-  const char* host = kyrTargetEndpointGetHostName(tep);
-  h.createdFor.push_back(std::string(host != nullptr ? host : "") + ":" +
-                         std::to_string(kyrTargetEndpointGetPort(tep)));
-  return reinterpret_cast<EnvTargetEndpoint*>(new int(++h.created));
-}
-
-inline int hostDeleteEndpoint(EnvTargetEndpoint* obj) {
-  hostEndpoints().deleted++;
-  delete reinterpret_cast<int*>(obj);
-  return 0;
-}
-
-// The memory counter once other threads have stopped moving it: the worker thread of a handle
-// destroyed by an earlier test may still be releasing its last blocks when the next test starts.
-inline int settledMemCount() {
-  int last = kyr::kyrGetMemCount();
-  for (int i = 0; i < 100; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    int now = kyr::kyrGetMemCount();
-    if (now == last) return now;
-    last = now;
-  }
-  return last;
-}
 
 class TargetModel : public ::testing::Test {
  protected:
   void SetUp() override {
-    hostEndpoints() = HostEndpoints{};
     printed().clear();
     EnvCallBacks env = completeCallbacks();
-    env.targetEndpoint.create = hostCreateEndpoint;
-    env.targetEndpoint.KYR_DELETE_MEMBER = hostDeleteEndpoint;
+    useHostEndpoints(env);
     env.trace.printf = capturePrintf;
     kyr_ = kyrCreate(&env, nullptr, KYR_TRACE_CATALOGUE);
     ASSERT_NE(kyr_, nullptr);
@@ -81,7 +37,7 @@ class TargetModel : public ::testing::Test {
 
   void TearDown() override {
     if (ts_ != nullptr) kyr::tsDelete(ts_);
-    EXPECT_EQ(hostEndpoints().created, hostEndpoints().deleted) << "host objects not returned";
+    EXPECT_EQ(hostEndpoints().creates, hostEndpoints().deletes) << "host objects not returned";
     kyrDestroy(kyr_);
   }
 

@@ -1,6 +1,7 @@
-// Helpers shared by the trace tests: managers built from catalogue text held in the test, a
-// print callback that records what the library hands the host, and the redirect that lets death
-// tests (which see standard error only) match messages printed on standard output.
+// Helpers shared by the trace tests: managers built from catalogue text held in the test, the
+// print callback that records what the library hands the host (support/traceCapture.h), and the
+// redirect that lets death tests (which see standard error only) match messages printed on
+// standard output.
 #pragma once
 
 #include <unistd.h>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "runtime/kyrLibUtil.h"
+#include "support/traceCapture.h"
 #include "tr.h"
 #include "trace/trSpec.h"
 
@@ -40,40 +42,6 @@ struct ManagerDeleter {
 struct TestManager : std::unique_ptr<TrMgr, ManagerDeleter> {
   explicit TestManager(const std::string& catalogue) : unique_ptr(managerFrom(catalogue)) {}
 };
-
-// What one call of the print callback received.
-struct Printed {
-  std::string format;
-  std::string messageId;
-  std::string level;
-  std::string text;  // the format applied to the arguments
-};
-
-inline std::vector<Printed>& printed() {
-  static std::vector<Printed> lines;
-  return lines;
-}
-
-inline std::string orEmpty(const char* s) { return s != nullptr ? s : "(null)"; }
-
-inline void capturePrintf(TrContext* context, va_list args) {
-  Printed line{orEmpty(trContextGetFormat(context)), orEmpty(trContextGetMessageId(context)),
-               orEmpty(trContextGetLevel(context)), ""};
-  if (const char* format = trContextGetFormat(context)) {
-    char buffer[512];
-    vsnprintf(buffer, sizeof buffer, format, args);
-    line.text = buffer;
-  }
-  printed().push_back(line);
-}
-
-// Whether any printed line contains the text.
-inline bool printedContains(const std::string& needle) {
-  for (const auto& line : printed()) {
-    if (line.text.find(needle) != std::string::npos) return true;
-  }
-  return false;
-}
 
 // For death tests: from here on, standard output goes where the death test looks.
 inline void stdoutToStderr() {

@@ -1,7 +1,7 @@
 // A handle loaded with one routing document of tests/data through a connector
 // (cell-routing.json unless a derived fixture names another), and the steps a host takes for one
-// request (obtain, should-handle, get-target-endpoint, state reports, release), for the routing,
-// selection and response tests.
+// request (obtain, should-handle, get-target-endpoint, state reports, release), for the request,
+// selection and handle tests.
 //
 // The cell of cell-routing.json: cluster "web" (s1 weight 2, s2 and s3 weight 1; clone IDs
 // c1..c3; cookie JSESSIONID, separator ":") serves /shop and /empty (no server runs it); "secure"
@@ -22,10 +22,12 @@
 #include "connector/kyrConnectorGroup.h"
 #include "core/kyrRoutingInfo.h"
 #include "request/kyrHttpContext.h"
+#include "runtime/kyrLibUtil.h"
 #include "selection/kyrTargetSelector.h"
 #include "support/kyrTestHost.h"
 #include "support/testData.h"
-#include "trace/traceTestUtil.h"
+#include "support/traceCapture.h"
+#include "trace/trSpec.h"
 
 namespace kyrtest {
 
