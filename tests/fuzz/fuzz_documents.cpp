@@ -3,18 +3,19 @@
 // the publisher connector's path on top of a known complete cell. Requests are routed around
 // every document, one of them held across it, and the state report is written after each, so
 // that a model the document left inconsistent shows at once rather than on some later input.
+// Half of the mutations edit the documents' structure (documentMutator.h).
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
 #include <string_view>
 
+#include "fuzz/documentMutator.h"
 #include "fuzz/fuzzHost.h"
 #include "support/testData.h"
 
 namespace {
 
-constexpr std::string_view kSeparator = "\n%%\n";
 constexpr int kMaxDocuments = 8;
 
 // The cell every input starts from: two servers of one cluster, an application in two editions
@@ -50,6 +51,7 @@ constexpr int kVisitCount = static_cast<int>(sizeof kVisits / sizeof kVisits[0])
 struct Fixture {
   Fixture() : baseline(kyrtest::readTestData(kBaseline)) {
     kyrSetServerCustomProperty(handle.kyr(), "webserverName", kServerName);
+    kyrfuzz::documentMutatorAddNames(baseline);
   }
   kyrfuzz::FuzzHandle handle;
   std::string baseline;
@@ -90,6 +92,12 @@ void writeStateReport(Kyr* kyr) {
 
 }  // namespace
 
+extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t maxSize,
+                                          unsigned int seed) {
+  fixture();  // the baseline's names
+  return kyrfuzz::mutateDocuments(data, size, maxSize, seed);
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Fixture& f = fixture();
   Kyr* kyr = f.handle.kyr();
@@ -98,10 +106,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   std::string_view input(reinterpret_cast<const char*>(data), size);
   for (int i = 0; i < kMaxDocuments && !input.empty(); ++i) {
-    size_t end = input.find(kSeparator);
+    size_t end = input.find(kyrfuzz::kDocumentSeparator);
     std::string document(input.substr(0, end));  // text up to a NUL is what is read
-    input =
-        end == std::string_view::npos ? std::string_view() : input.substr(end + kSeparator.size());
+    input = end == std::string_view::npos ? std::string_view()
+                                          : input.substr(end + kyrfuzz::kDocumentSeparator.size());
 
     // A request in flight while the document changes the model it was routed with.
     EnvHttpContext held;
