@@ -292,13 +292,21 @@ void jsonHandleObject(ParseInfo& pi, json_t* node, const char* parentName, int d
       created = true;
     }
   } else if (pi.callObjectHandlers) {
-    obj = kyrRoutingInfoObjectGet(pi.ri, fullName);
-    if (obj == nullptr) {
+    ObjectWrapper* wrapper = wrapperOf(pi, fullName);
+    if (wrapper == nullptr) {
       trDebug(pi.trCtx, pi.trRec, "set operation but object of type '%s' at '%s' was not found\n",
               type, fullName);
       kyrFree(fullName);
       return;
     }
+    // The setters of the type the document names would be applied to the stored object.
+    if (wrapper->handler != h) {
+      trDebug(pi.trCtx, pi.trRec, "skip set operation on %s; it is of type %s, not %s\n", fullName,
+              wrapper->handler->objectType, type);
+      kyrFree(fullName);
+      return;
+    }
+    obj = wrapper->object;
   }
   applyProperties(pi, h, obj, fullName, json_object_get(node, "props"));
   if (created && h->init != nullptr) {
@@ -491,6 +499,7 @@ int64_t kyrHandleJson(json_t* doc, const char* docText, KyrConnector* c) {
     json_decref(doc);
     return -1;
   }
+  kyrControlLockAssertHeld();
   Kyr* kyr = c->kyr;
   if (doc == nullptr) {
     trLog(kyr->trCtx, kyr->invalidJSON, c->URL, "NULL JSON", "NULL");
