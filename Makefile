@@ -1,12 +1,17 @@
 # Entry points for people and CI. Every target installs what is missing first, so each works on
-# a fresh Debian 12 machine (as root, or with sudo available).
+# a fresh Debian 12 machine (as root, or with sudo available). These are the team's own builds,
+# so compiler warnings are errors in all of them (KYR_WERROR); a plain cmake build keeps them
+# warnings.
 
 APT_PACKAGES := cmake ninja-build g++ pkg-config libjansson-dev libgtest-dev libgmock-dev \
                 libbenchmark-dev libcli11-dev
 BUILD ?= build
 CTEST_ARGS ?= --output-on-failure -j2
+WERROR := -DKYR_WERROR=ON
+# What the format check covers.
+FORMAT_FILES = $(shell git ls-files src api tools examples tests bench | grep -E '\.(c|cpp|h)$$')
 
-.PHONY: all deps build run test asan tsan fuzz fuzz-build bench clean
+.PHONY: all deps build run test asan tsan release format tidy fuzz fuzz-build bench clean
 
 all: build
 
@@ -14,7 +19,7 @@ deps:
 	@./.ci/install-deps $(APT_PACKAGES)
 
 build: deps
-	cmake -S . -B $(BUILD) -G Ninja
+	cmake -S . -B $(BUILD) -G Ninja $(WERROR)
 	cmake --build $(BUILD)
 
 # The main job: kyrroute loads the example cell and shows where each example request goes.
@@ -28,16 +33,37 @@ test: build
 # AddressSanitizer + UndefinedBehaviorSanitizer over the whole suite.
 asan: deps
 	cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKYR_SANITIZE=address \
-	      -DKYR_BUILD_BENCHMARKS=OFF
+	      -DKYR_BUILD_BENCHMARKS=OFF $(WERROR)
 	cmake --build build-asan
 	cd build-asan && ctest $(CTEST_ARGS)
 
 # ThreadSanitizer over the concurrency suites.
 tsan: deps
 	cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKYR_SANITIZE=thread \
-	      -DKYR_BUILD_BENCHMARKS=OFF
+	      -DKYR_BUILD_BENCHMARKS=OFF $(WERROR)
 	cmake --build build-tsan
 	cd build-tsan && ctest $(CTEST_ARGS) -R Concurrency
+
+# The Release configuration a packager builds (-O3), with g++ and with clang, everything
+# included (benchmarks too), warning-free.
+release: deps
+	@./.ci/install-deps clang-14
+	cmake -S . -B build-release -G Ninja -DCMAKE_BUILD_TYPE=Release $(WERROR)
+	cmake --build build-release
+	CC=clang-14 CXX=clang++-14 cmake -S . -B build-release-clang -G Ninja \
+	      -DCMAKE_BUILD_TYPE=Release $(WERROR)
+	cmake --build build-release-clang
+
+# Every source file as the checked-in .clang-format writes it.
+format:
+	@./.ci/install-deps clang-format-14 git
+	clang-format-14 --dry-run -Werror $(FORMAT_FILES)
+
+# clang-tidy with the checked-in .clang-tidy over the library; any finding fails.
+tidy: deps
+	@./.ci/install-deps clang-tidy-14
+	cmake -S . -B build-release -G Ninja -DCMAKE_BUILD_TYPE=Release $(WERROR)
+	git ls-files 'src/*.cpp' | xargs -P2 -n8 clang-tidy-14 -p build-release --quiet
 
 # Every parser of outside input under libFuzzer (clang) with ASan+UBSan: the rule language
 # (fuzz_lang), routing documents (fuzz_documents) and the request and response fields
@@ -64,7 +90,7 @@ fuzz: fuzz-build
 fuzz-build: deps
 	@./.ci/install-deps clang-14 libclang-rt-14-dev
 	CC=clang-14 CXX=clang++-14 cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=Debug \
-	      -DKYR_SANITIZE=address -DKYR_FUZZ=ON -DKYR_BUILD_BENCHMARKS=OFF
+	      -DKYR_SANITIZE=address -DKYR_FUZZ=ON -DKYR_BUILD_BENCHMARKS=OFF $(WERROR)
 	cmake --build build-fuzz --target $(addprefix fuzz_,$(FUZZERS))
 
 # One fuzzer (after fuzz-build): make fuzz-run-documents FUZZ_SECONDS=600
@@ -84,4 +110,4 @@ bench: build
 	$(BUILD)/bench/kyr_bench
 
 clean:
-	rm -rf build build-asan build-tsan
+	rm -rf build build-asan build-tsan build-fuzz build-release build-release-clang

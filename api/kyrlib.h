@@ -31,6 +31,8 @@
  *  9. Callbacks run on the host's threads and on the library's own, and may run while the
  *     library holds its locks (the control lock around stateChange, for example): a callback
  *     must not call back into the library.
+ * 10. No C++ exception ever leaves a call: the library is built without exceptions, and an
+ *     allocation that fails ends the process.
  */
 #ifndef KYRLIB_KYRLIB_H
 #define KYRLIB_KYRLIB_H

@@ -37,6 +37,7 @@ void appendRoute(json_t** routes, const char* route) {
 }  // namespace
 
 KyrConnector* kyrConnectorCreate2(KyrConnectorGroup* cg, const char* url) {
+  kyrControlLockAssertHeld();
   auto* c = kyrNew<KyrConnector>();
   c->refcnt = 1;  // the group's list
   c->kyr = cg->kyr;

@@ -79,6 +79,7 @@ void kyrConnectorGroupSetState(KyrConnectorGroup* cg, KyrComponentState state, c
 }
 
 int kyrConnectorGroupStart2(KyrConnectorGroup* cg) {
+  kyrControlLockAssertHeld();
   if (cg->state != STOPPED && cg->state != FAILED) {
     trDebug(cg->trCtx, cg->debugCtl, "KYR connector group %s is not startable; state is %s\n",
             cg->name, kyrState2String(cg->state));
@@ -89,6 +90,7 @@ int kyrConnectorGroupStart2(KyrConnectorGroup* cg) {
 }
 
 int kyrConnectorGroupStop2(KyrConnectorGroup* cg) {
+  kyrControlLockAssertHeld();
   if (cg->state == STOPPED) return 0;
   kyrConnectorGroupSetState(cg, STOPPING, "stopping");
   kyrConnectorGroupSetState(cg, STOPPED, "stopped");

@@ -6,6 +6,7 @@
 
 #include "connector/kyrConnector.h"
 #include "connector/kyrConnectorGroup.h"
+#include "core/kyr.h"
 
 namespace kyr {
 
@@ -19,6 +20,7 @@ json_t* kyrConnectorToJSON(KyrConnector* c) {
 }
 
 json_t* kyrConnectorGroupToJSON(KyrConnectorGroup* cg) {
+  kyrControlLockAssertHeld();
   json_t* connectors = json_object();
   for (KyrListEle* e = kyrListGetHead(cg->connectorList); e != nullptr; e = kyrListGetNext(e)) {
     auto* c = static_cast<KyrConnector*>(kyrListEleGetObject(e));

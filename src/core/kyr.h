@@ -2,6 +2,26 @@
 // trace manager and the handle's trace records, the connector groups, the current routing
 // version, the request-context pool, the custom properties and the process type. This header
 // is the handle's layout and the handle-level calls that are not part of the public API.
+//
+// Lock order. A thread holding one of these locks takes only locks further down the list:
+//   1. the control lock (process-wide): start, stop, destroy, document application;
+//   2. the lock of a rule set (a work class's edition rules, the request-trace rules, a trace
+//      rule set), held while a request matches its rules and while a document changes them;
+//   3. the selector lock of a version's target model;
+//   4. kyr->partitionIDData.lock, taken inside selection for partition IDs and by private
+//      headers and response processing;
+//   5. kyr->endPointRefLock, taken while the selector lock holds to share host endpoint objects;
+//   6. leaves that take nothing else: routingInfoLock, contextPoolLock, trSpecLock, rm->lock (a
+//      version's application roots), a property set's lock, the worker queue's lock, a
+//      connector's route-change lock, trace locks.
+// Host callbacks that run while the library holds a lock, and so must not call back into it:
+//   - stateChange.kyr, stateChange.kyrConnectorGroup, stateChange.kyrConnector: the control lock;
+//   - the http.request getters (headers, cookies, path, query, client data): a rule set's lock
+//     while rules are matched, the selector lock while affinity reads the session;
+//   - http.request.setHeaderValue: the selector lock and the partition lock, for the private
+//     headers;
+//   - targetEndpoint.create and targetEndpoint.release: the selector lock and endPointRefLock;
+//   - trace.printf: whatever lock the writer of the line holds.
 #pragma once
 
 #include <jansson.h>
@@ -124,6 +144,8 @@ class ControlLockGuard {
 
 // Creates the control lock on first use; kyrCreate and kyrControlLock both call it.
 void kyrControlLockInit();
+// Asserts that the calling thread holds the control lock (builds that check assertions).
+void kyrControlLockAssertHeld();
 
 // Lifecycle internals; each expects the caller to hold the control lock.
 int kyrStart2(Kyr* kyr, int timeoutInSecs);

@@ -38,8 +38,6 @@ constexpr const char* kPropertyTable[] = {
     kEnableEndpointSelectionBasedOnMatchedVHost,
 };
 
-const char* nullText(const char* s) { return s != nullptr ? s : "null"; }
-
 // The table's own name string for a name, matched with or without regard to case.
 const char* tableName(const char* name, bool ignoreCase) {
   if (name == nullptr) return nullptr;
@@ -105,8 +103,8 @@ void updateRestURIs(Kyr* kyr) {
 // Applies one property to the handle's fields. This is the setter behind `props`: it runs
 // inside kyrPropertySet, which keeps the value once the name is known here.
 const char* applyProperty(Kyr* kyr, const char* name, const char* value) {
-  trDebug(kyr->trCtx, kyr->processRec, "kyrSetProperty name='%s', value='%s'\n", nullText(name),
-          nullText(value));
+  trDebug(kyr->trCtx, kyr->processRec, "kyrSetProperty name='%s', value='%s'\n", kyrNullText(name),
+          kyrNullText(value));
   const char* known = tableName(name, true);
   if (known == kWebserverName) {
     kyrSetServerName(kyr, value);
@@ -214,7 +212,7 @@ const char* kyrSetProperty(Kyr* kyr, const char* name, const char* value) {
 Boolean kyrSetServerCustomProperty(Kyr* kyr, const char* name, const char* value) {
   if (kyr == nullptr || name == nullptr) return false;
   trDebug(kyr->trCtx, kyr->processRec, "kyrSetServerCustomProperty name='%s', value='%s'\n", name,
-          nullText(value));
+          kyrNullText(value));
   if (kyrStartsWith(name, "cp.vq.")) name += 6;
   const char* known = tableName(name, true);
   const char* effective = value;
@@ -245,7 +243,7 @@ void kyrSetServerName(Kyr* kyr, const char* name) {
   }
   kyrFreeStrSplitArray(parts);
   trDebug(kyr->trCtx, kyr->processRec, "updateServerPath cellPath='%s', serverPath='%s'\n",
-          nullText(kyr->cellPath), nullText(kyr->serverPath));
+          kyrNullText(kyr->cellPath), kyrNullText(kyr->serverPath));
   updateRestURIs(kyr);
 }
 

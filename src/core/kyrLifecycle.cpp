@@ -64,6 +64,8 @@ void kyrControlLockInit() {
   std::call_once(controlLockOnce, [] { controlLock = kyrLockCreate("kyr.controlLock"); });
 }
 
+void kyrControlLockAssertHeld() { kyrLockAssertHeld(controlLock); }
+
 void kyrSetState(Kyr* kyr, KyrComponentState state, const char* reason) {
   if (kyr->state == state) return;
   KyrComponentState old = kyr->state;
@@ -76,6 +78,7 @@ void kyrSetState(Kyr* kyr, KyrComponentState state, const char* reason) {
 }
 
 int kyrStart2(Kyr* kyr, int timeoutInSecs) {
+  kyrControlLockAssertHeld();
   if (kyr->state != STOPPED && kyr->state != FAILED) {
     trDebug(kyr->trCtx, kyr->processRec, "KYR is not startable; state=%s\n",
             kyrState2String(kyr->state));
@@ -88,6 +91,7 @@ int kyrStart2(Kyr* kyr, int timeoutInSecs) {
 }
 
 int kyrStop2(Kyr* kyr) {
+  kyrControlLockAssertHeld();
   if (!kyrIsUsable(kyr)) return -1;
   kyrSetState(kyr, STOPPING, "stopping initiated");
   forEachConnectorGroup(kyr, kyrConnectorGroupStop2);
@@ -95,6 +99,7 @@ int kyrStop2(Kyr* kyr) {
 }
 
 void kyrDestroy2(Kyr* kyr) {
+  kyrControlLockAssertHeld();
   trDebug(kyr->trCtx, kyr->processRec, "kyrDestroy2: enter");
   kyrStop2(kyr);
   while (!kyrListIsEmpty(kyr->connectorGroupList)) {

@@ -345,21 +345,21 @@ const char* targetText(const URIMatcher* matcher, void* target) {
 void addNodeInfo(const URIMatcher* matcher, const Node* node, size_t depth, KyrStringBuffer* sb) {
   for (int i = 0; i < node->childCount; ++i) {
     const Node* child = node->children[i];
-    std::string line = "\n" + std::string(2 * (depth + 1), ' ');
-    line += "chars='" + std::string(child->name) + "'";
+    std::string line = "\n";
+    line.append(2 * (depth + 1), ' ').append("chars='").append(child->name).append("'");
     if (child->exactTarget != nullptr) {
-      line += " exact=" + std::string(targetText(matcher, child->exactTarget));
+      line.append(" exact=").append(targetText(matcher, child->exactTarget));
     }
     if (child->prefixTarget != nullptr) {
-      line += " prefix=" + std::string(targetText(matcher, child->prefixTarget));
+      line.append(" prefix=").append(targetText(matcher, child->prefixTarget));
     }
     if (child->suffixes != nullptr && child->suffixes[0] != nullptr) {
-      line += " suffixes=(";
+      line.append(" suffixes=(");
       for (Suffix** s = child->suffixes; *s != nullptr; ++s) {
-        if (s != child->suffixes) line += ",";
-        line += std::string((*s)->suffix) + "->" + targetText(matcher, (*s)->target);
+        if (s != child->suffixes) line.append(",");
+        line.append((*s)->suffix).append("->").append(targetText(matcher, (*s)->target));
       }
-      line += ")";
+      line.append(")");
     }
     sbAdd(sb, line.c_str());
     addNodeInfo(matcher, child, depth + 1, sb);

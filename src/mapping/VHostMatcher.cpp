@@ -163,22 +163,22 @@ KyrRoutingInfo* vhostMatcherGetRoutingInfo(const VHostMatcher* vhtm) { return vh
 URIMatcher* getURIMatcher(const VHostMatcher* vhtm) { return vhtm->uriMatcher; }
 
 void addInfoVHostMatcher(const VHostMatcher* vhtm, KyrStringBuffer* sb) {
-  std::string text = "vhost " + std::string(vhtm->name);
-  text += "\n    any=";
-  text += vhtm->any ? "true" : "false";
-  text += "\n    ports=(";
+  std::string text = "vhost ";
+  text.append(vhtm->name).append("\n    any=").append(vhtm->any ? "true" : "false");
+  text.append("\n    ports=(");
   for (size_t i = 0; i < vhtm->ports.size(); ++i) {
-    text += (i > 0 ? "," : "") + std::to_string(vhtm->ports[i]);
+    text.append(i > 0 ? "," : "").append(std::to_string(vhtm->ports[i]));
   }
-  text += ")\n    hosts=(";
-  for (size_t i = 0; i < vhtm->hosts.size(); ++i) text += (i > 0 ? "," : "") + vhtm->hosts[i];
-  text += ")\n    hosts:ports=(";
+  text.append(")\n    hosts=(");
+  for (size_t i = 0; i < vhtm->hosts.size(); ++i)
+    text.append(i > 0 ? "," : "").append(vhtm->hosts[i]);
+  text.append(")\n    hosts:ports=(");
   for (KyrListEle* e = kyrListGetHead(vhtm->vhostList); e != nullptr; e = kyrListGetNext(e)) {
     auto* vh = static_cast<const VHost*>(kyrListEleGetObject(e));
-    if (e != kyrListGetHead(vhtm->vhostList)) text += ",";
-    text += std::string(vh->host) + ":" + std::to_string(vh->port);
+    if (e != kyrListGetHead(vhtm->vhostList)) text.append(",");
+    text.append(vh->host).append(":").append(std::to_string(vh->port));
   }
-  text += ")\n";
+  text.append(")\n");
   sbAdd(sb, text.c_str());
   URIMatcherAddInfo(vhtm->uriMatcher, sb);
 }

@@ -19,8 +19,6 @@ namespace {
 // Stands in for the session ID in the cookies written here: only the clone ID after it counts.
 constexpr const char* kPlaceholderSessionId = "aa";
 
-const char* nullText(const char* s) { return s != nullptr ? s : "null"; }
-
 const EnvCallBacks& env(KyrHttpContext* ctx) { return ctx->kyr->env; }
 
 char** policyCookieNames(KyrHttpContext* ctx) {
@@ -127,7 +125,7 @@ void setCloneIdCookie(KyrHttpContext* ctx, TargetServer* server, const char* ses
   const char* text = attributes != nullptr ? value.c_str() : nullptr;
   trDebug(ctx->trContext, ctx->responseProcess,
           "kyrHttpContextPerformResponseProcessing: setting cookie ZQJSESSIONID=%s\n",
-          nullText(text));
+          kyrNullText(text));
   writeCookie(ctx, "ZQJSESSIONID", text);
 }
 
@@ -211,7 +209,7 @@ int kyrHttpContextPerformResponseProcessing(KyrHttpContext* ctx) {
   }
   trDebug(ctx->trContext, ctx->responseProcess,
           "kyrHttpContextPerformResponseProcessing: zqptHdr=%s, partitionVerHdr=%s\n",
-          nullText(table), nullText(version));
+          kyrNullText(table), kyrNullText(version));
   if (table != nullptr && version != nullptr) {
     if (ctx->targetEndpoint != nullptr) storePartitionTable(ctx, table, version);
     // Internal to the servers and the library: the client never sees them.

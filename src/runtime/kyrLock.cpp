@@ -2,9 +2,29 @@
 // their own lock, and conditions that own their lock.
 #include "runtime/kyrLock.h"
 
+#include <atomic>
+#include <cassert>
+
 #include "runtime/kyrLibUtil.h"
 
 namespace kyr {
+namespace {
+
+// Only builds that check assertions pay for knowing the holder.
+void markOwned([[maybe_unused]] KyrLock* lock) {
+#ifndef NDEBUG
+  std::atomic_ref<pthread_t>(lock->owner).store(pthread_self(), std::memory_order_relaxed);
+  std::atomic_ref<bool>(lock->owned).store(true, std::memory_order_relaxed);
+#endif
+}
+
+void markFree([[maybe_unused]] KyrLock* lock) {
+#ifndef NDEBUG
+  std::atomic_ref<bool>(lock->owned).store(false, std::memory_order_relaxed);
+#endif
+}
+
+}  // namespace
 
 KyrLock* kyrLockCreate(const char* name) {
   auto* lock = static_cast<KyrLock*>(kyrMalloc(sizeof(KyrLock)));
@@ -22,11 +42,20 @@ void lockInit(KyrLock* lock, const char* /*name*/) {
 void kyrLockObtain(KyrLock* lock, const char* who) {
   pthread_mutex_lock(&lock->lock);
   lock->heldBy = who;
+  markOwned(lock);
 }
 
 void kyrLockRelease(KyrLock* lock) {
+  markFree(lock);
   lock->heldBy = nullptr;
   pthread_mutex_unlock(&lock->lock);
+}
+
+void kyrLockAssertHeld([[maybe_unused]] const KyrLock* lock) {
+  assert(std::atomic_ref<bool>(const_cast<KyrLock*>(lock)->owned).load(std::memory_order_relaxed) &&
+         pthread_equal(std::atomic_ref<pthread_t>(const_cast<KyrLock*>(lock)->owner)
+                           .load(std::memory_order_relaxed),
+                       pthread_self()));
 }
 
 void kyrLockDestroy(KyrLock* lock) {
@@ -91,7 +120,9 @@ void kyrConditionReleaseLock(KyrCondition* condition) { kyrLockRelease(condition
 
 // The condition's lock must be held.
 void kyrConditionWait(KyrCondition* condition) {
+  markFree(condition->lock);
   pthread_cond_wait(&condition->condition, &condition->lock->lock);
+  markOwned(condition->lock);
 }
 
 void kyrConditionSignal(KyrCondition* condition) { pthread_cond_signal(&condition->condition); }

@@ -10,6 +10,10 @@ struct KyrLock {
   const char* name;    // not filled in by creation
   const char* heldBy;  // the `who` of the last obtainer, cleared on release; guarded by lock
   pthread_mutex_t lock;
+  // The holder, so functions that need the lock held can assert it (debug and sanitizer
+  // builds). Written by the holder, read atomically by whoever asks.
+  pthread_t owner;
+  bool owned;
 };
 
 // Deliberately the same exclusive lock: read acquisitions exclude each other too.
@@ -30,6 +34,8 @@ void lockInit(KyrLock* lock, const char* name);  // for a KyrLock held inside an
 void kyrLockObtain(KyrLock* lock, const char* who);
 void kyrLockRelease(KyrLock* lock);
 void kyrLockDestroy(KyrLock* lock);
+// Asserts that the calling thread holds the lock; nothing in builds without assertions.
+void kyrLockAssertHeld(const KyrLock* lock);
 
 KyrRWLock* kyrRWLockCreate(const char* name);
 void kyrRWLockObtainRead(KyrRWLock* lock, const char* who);

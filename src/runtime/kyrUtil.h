@@ -22,6 +22,9 @@ void kyrReplaceStr(char** location, const char* newValue);
 // The same for counted strings (kyrStrdup): the copy is made before the old text is released,
 // so a string may be replaced by (a part of) itself.
 void kyrReplaceCountedStr(char** location, const char* newValue);
+
+// The text, or "null" for a missing one: how diagnostics print an absent value.
+inline const char* kyrNullText(const char* s) { return s != nullptr ? s : "null"; }
 char* kyrPathToName(const char* path);  // plain copy
 const char* kyrStrSuffix(const char* str, const char* delimiter);
 char* kyrStrPrefix(const char* str, const char* delimiter);

@@ -18,8 +18,6 @@
 namespace kyr {
 namespace {
 
-const char* nullText(const char* s) { return s != nullptr ? s : "null"; }
-
 // The null-terminated array of counted copies that a policy owns; empty names are dropped.
 char** splitCookieNames(const char* text) {
   char* copy = kyrStrdup(text);
@@ -152,7 +150,7 @@ const char* getSessionIdFromUrl(TargetSelector* ts, KyrHttpContext* ctx, const c
   TrContext* tr = kyrHttpContextGetTrContext(ctx);
   const char* path = kyrHttpContextGetPath(ctx);
   trTrace(tr, ts->affinityRec, TR_LEVEL_DEBUG, "getSessionIdFromUrl: URL obtained='%s'\n",
-          nullText(path));
+          kyrNullText(path));
   if (path == nullptr) return nullptr;
   // The name as given, then in upper case, then in lower case; a spelling equal to one already
   // searched for cannot be found either.

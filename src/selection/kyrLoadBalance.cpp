@@ -10,10 +10,12 @@
 
 namespace kyr {
 
+bool maxConnectionsExceeded(const TargetServer* server) {
+  return server->maxConnections >= 0 && server->outstandingRequestCount >= server->maxConnections;
+}
+
 std::string checkIfMaxConnectionsExceeded(TargetServer* server) {
-  if (server->maxConnections < 0 || server->outstandingRequestCount < server->maxConnections) {
-    return {};
-  }
+  if (!maxConnectionsExceeded(server)) return {};
   return "number of outstanding requests '" + std::to_string(server->outstandingRequestCount) +
          "' exceeded maximum connections '" + std::to_string(server->maxConnections) +
          "' for the server " + server->name;
@@ -21,19 +23,24 @@ std::string checkIfMaxConnectionsExceeded(TargetServer* server) {
 
 namespace {
 
-// Why load balancing may not send this request to the application now, or empty.
-std::string skipReason(KyrHttpContext* ctx, TargetServerApplication* sapp, KyrTime now) {
+constexpr const char* kConnectionLimit = "connection limit";
+
+// Why load balancing may not send this request to the application now, or null. Static text,
+// so a balanced request builds no string; the connection limit is written out in full only for
+// the trace line.
+const char* skipReason(KyrHttpContext* ctx, TargetServerApplication* sapp, KyrTime now) {
   if (const char* reason = sappIsSelectableForLoadBalancing(sapp, now)) return reason;
   if (kyrHttpContextIsFailedServerApp(ctx, sapp)) {
     return "previously failed to route this request to this server";
   }
-  return checkIfMaxConnectionsExceeded(sapp->server);
+  return maxConnectionsExceeded(sapp->server) ? kConnectionLimit : nullptr;
 }
 
 }  // namespace
 
 TargetServerApplication* wlorLoadBalance(VirtualCluster* vc, TargetSelector* ts, KyrTime now,
                                          KyrHttpContext* ctx) {
+  kyrLockAssertHeld(ts->lock);
   TrContext* tr = kyrHttpContextGetTrContext(ctx);
   TargetServerApplication** sapps = vc->sappArray;
   if (sapps == nullptr || sapps[0] == nullptr) {
@@ -58,12 +65,13 @@ TargetServerApplication* wlorLoadBalance(VirtualCluster* vc, TargetSelector* ts,
     }
     if (first == nullptr) first = sapp;
     TargetServer* server = sapp->server;
-    std::string reason = skipReason(ctx, sapp, now);
-    if (!reason.empty()) {
+    if (const char* reason = skipReason(ctx, sapp, now)) {
       if (debug) {
+        std::string text =
+            reason == kConnectionLimit ? checkIfMaxConnectionsExceeded(server) : reason;
         trContextDebug(tr, ts->balanceRec,
                        "wlor: skipping server application='%s' (%p), reason=%s\n", sapp->name,
-                       static_cast<void*>(sapp), reason.c_str());
+                       static_cast<void*>(sapp), text.c_str());
       }
       ++i;
       continue;

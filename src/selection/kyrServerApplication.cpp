@@ -62,7 +62,7 @@ void postRoutingChange(TargetServerApplication* sapp, bool routable) {
 // The selector lock must be held.
 void setStateLocked(TargetServerApplication* sapp, const char* state) {
   if (sapp->state != nullptr && state != nullptr && strcmp(sapp->state, state) == 0) return;
-  tsReplaceStr(&sapp->state, state);
+  kyrReplaceCountedStr(&sapp->state, state);
   sappRecomputeSelectability(sapp);
   bool wasRoutable = sapp->routable;
   bool isRoutable = sapp->reasonForNoAffinity == nullptr;
@@ -88,7 +88,7 @@ void setStateLocked(TargetServerApplication* sapp, const char* state) {
   trDebug(ts->trCtx, ts->controlRec,
           "serverApplicationSetState: path='%s' (%p), state='%s', wasRoutable=%d, "
           "isRoutable=%d, count=%d\n",
-          sapp->path, static_cast<void*>(sapp), tsNullText(sapp->state), wasRoutable ? 1 : 0,
+          sapp->path, static_cast<void*>(sapp), kyrNullText(sapp->state), wasRoutable ? 1 : 0,
           isRoutable ? 1 : 0, sapp->outstandingRequestCount);
 }
 
@@ -193,10 +193,10 @@ void sappRecomputeSelectability(TargetServerApplication* sapp) {
   sapp->reasonForNoLoadBalancing = noLoadBalancing;
   TargetSelector* ts = sapp->server->selector;
   trDebug(ts->trCtx, ts->controlRec, "sappRecomputeSelectability: reasonForNoAffinity: %s %s\n",
-          sapp->path, tsNullText(noAffinity));
+          sapp->path, kyrNullText(noAffinity));
   trDebug(ts->trCtx, ts->controlRec,
           "sappRecomputeSelectability: reasonForNoLoadBalancing: %s %s\n", sapp->path,
-          tsNullText(noLoadBalancing));
+          kyrNullText(noLoadBalancing));
 }
 
 namespace {

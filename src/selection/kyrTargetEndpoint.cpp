@@ -60,7 +60,7 @@ KyrTargetEndpoint* tsEndPointCreate(TargetServer* server, const char* name) {
   tep->server = server;
   tep->port = -1;
   tep->protoIndex = -1;
-  tep->persistentTimeout = 30;
+  tep->persistentTimeout = kDefaultPersistentTimeoutSecs;
   TargetSelector* ts = server->selector;
   KyrLockGuard guard(ts->lock, "tsEndPointCreate");
   tsServerObtainRef(server);
@@ -208,12 +208,12 @@ const char* kyrTargetEndpointGetCloneId(KyrTargetEndpoint* tep) {
 
 int kyrTargetEndpointGetConnectTimeout(KyrTargetEndpoint* tep) {
   TargetServer* server = serverOf(tep);
-  return server != nullptr ? kyrPublished(server->connectTimeout) : 5;
+  return server != nullptr ? kyrPublished(server->connectTimeout) : kyr::kDefaultConnectTimeoutSecs;
 }
 
 int kyrTargetEndpointGetIOTimeout(KyrTargetEndpoint* tep) {
   TargetServer* server = serverOf(tep);
-  return server != nullptr ? kyrPublished(server->ioTimeout) : 900;
+  return server != nullptr ? kyrPublished(server->ioTimeout) : kyr::kDefaultIoTimeoutSecs;
 }
 
 int kyrTargetEndpointGetIOTimeoutRetry(KyrTargetEndpoint* tep) {
@@ -224,7 +224,7 @@ int kyrTargetEndpointGetIOTimeoutRetry(KyrTargetEndpoint* tep) {
 }
 
 int kyrTargetEndpointGetPersistentTimeout(KyrTargetEndpoint* tep) {
-  return tep != nullptr ? kyrPublished(tep->persistentTimeout) : 30;
+  return tep != nullptr ? kyrPublished(tep->persistentTimeout) : kyr::kDefaultPersistentTimeoutSecs;
 }
 
 Boolean kyrTargetEndpointGetExtendedHandshake(KyrTargetEndpoint* tep) {
@@ -247,12 +247,12 @@ EnvTargetEndpoint* kyrTargetEndpointGetEnvTargetEndpoint(KyrTargetEndpoint* tep)
 
 int kyrTargetEndpointGetWsIOTimeout(KyrTargetEndpoint* tep) {
   TargetServer* server = serverOf(tep);
-  return server != nullptr ? server->wsIoTimeout : 30;
+  return server != nullptr ? kyrPublished(server->wsIoTimeout) : kyr::kDefaultWsIoTimeoutSecs;
 }
 
 int kyrTargetEndpointGetWsIdleTimeout(KyrTargetEndpoint* tep) {
   TargetServer* server = serverOf(tep);
-  return server != nullptr ? server->wsIdleTimeout : 900;
+  return server != nullptr ? kyrPublished(server->wsIdleTimeout) : kyr::kDefaultWsIdleTimeoutSecs;
 }
 
 }  // extern "C"

@@ -22,8 +22,6 @@ constexpr int kSslDirectMap[kProtoCount] = {kHttpProtoIndex, kHttpsProtoIndex};
 constexpr int kSslOffLoadMap[kProtoCount] = {kHttpProtoIndex, kHttpProtoIndex};
 constexpr int kSslOnLoadMap[kProtoCount] = {kHttpsProtoIndex, kHttpsProtoIndex};
 
-const char* nullText(const char* s) { return s != nullptr ? s : "null"; }
-
 // What the locked part of a selection found. A reject code other than 0 means that the module
 // cannot be served at all; otherwise a null endpoint means that no server could take it.
 struct Choice {
@@ -155,7 +153,7 @@ void rejectNoServer(TargetSelector* ts, KyrHttpContext* ctx) {
   trContextDebug(
       tr, ts->error503Rec,
       timedOut ? "504 response for module '%s':\n%s\n" : "503 response for module '%s':\n%s\n",
-      nullText(moduleName), nullText(text));
+      kyrNullText(moduleName), kyrNullText(text));
   free(text);
   json_decref(dump);
 }
@@ -177,6 +175,7 @@ int mapProtocol(int inboundIndex, KyrSSLMapMode mode) {
 }
 
 KyrTargetEndpoint* selectEndpoint(KyrHttpContext* ctx, TargetSelector* ts, KyrList* endpoints) {
+  kyrLockAssertHeld(ts->lock);
   auto* first = static_cast<KyrTargetEndpoint*>(kyrListEleGetObject(kyrListGetHead(endpoints)));
   // With one endpoint there is nothing to choose: spare the property lookup on the hot path.
   if (kyrListGetCount(endpoints) == 1) return first;
@@ -188,7 +187,7 @@ KyrTargetEndpoint* selectEndpoint(KyrHttpContext* ctx, TargetSelector* ts, KyrLi
   trDebug(kyrHttpContextGetTrContext(ctx), ts->selectRec,
           "enableEndpointSelectionBasedOnMatchedVHost is set, picking endpoint based on the "
           "matched virtual host %s\n.",
-          nullText(vhostName));
+          kyrNullText(vhostName));
   if (vhostName == nullptr) return first;
   const VHostMatcher* vhosts =
       getVHostMatcher(rmGetURLMatcher(kyrRoutingInfoGetRequestMapper(ts->ri)), vhostName);
@@ -225,7 +224,7 @@ KyrTargetEndpoint* tsSelect(TargetSelector* ts, KyrHttpContext* ctx) {
   const bool debug = trContextLogEnabled(tr, ts->selectRec);
   if (debug) {
     trContextDebug(tr, ts->selectRec, "tsSelect: protocol=%s, appName=%s, moduleName=%s\n",
-                   protocol, nullText(appName), moduleName);
+                   protocol, kyrNullText(appName), moduleName);
   }
   Choice choice = chooseTarget(ts, ctx, moduleName, appName, inbound, kyrGetCurrentTime(), debug);
   if (choice.rejectCode != 0) {

@@ -8,6 +8,7 @@
 #include "core/kyrRoutingInfo.h"
 #include "runtime/kyrLibUtil.h"
 #include "runtime/kyrPublish.h"
+#include "runtime/kyrUtil.h"
 #include "selection/kyrTargetSelectorInternal.h"
 #include "trace/trWrite.h"
 
@@ -34,11 +35,6 @@ void clusterRecomputeHead(VirtualCluster* vc) {
 }
 
 }  // namespace
-
-void tsReplaceStr(char** location, const char* value) {
-  kyrFree(*location);
-  *location = kyrStrdup(value);
-}
 
 // ---- Text conversions ----------------------------------------------------------------------
 
@@ -261,13 +257,13 @@ void tsClusterFree(Cluster* cluster) {
 void tsClusterSetCloneIdSeparator(Cluster* cluster, const char* separator) {
   if (separator == nullptr) return;
   KyrLockGuard guard(cluster->selector->lock, "tsClusterSetCloneIdSeparator");
-  tsReplaceStr(&cluster->cloneIdSeparator, separator);
+  kyrReplaceCountedStr(&cluster->cloneIdSeparator, separator);
 }
 
 void tsClusterSetSessionAffinityCookies(Cluster* cluster, const char* cookies) {
   if (cookies == nullptr) return;
   KyrLockGuard guard(cluster->selector->lock, "tsClusterSetSessionAffinityCookies");
-  tsReplaceStr(&cluster->sessionAffinityCookies, cookies);
+  kyrReplaceCountedStr(&cluster->sessionAffinityCookies, cookies);
 }
 
 void tsClusterSetServerType(Cluster* cluster, KyrServerType type) {

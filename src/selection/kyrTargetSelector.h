@@ -330,6 +330,7 @@ TargetServerApplication* getAffinitySappFromSid(KyrHttpContext* ctx, VirtualClus
                                                 std::string* reason);
 // The text saying why the server takes no more requests, or empty while it is below its limit.
 std::string checkIfMaxConnectionsExceeded(TargetServer* server);
+bool maxConnectionsExceeded(const TargetServer* server);
 TargetServerApplication* wlorLoadBalance(VirtualCluster* vc, TargetSelector* ts, KyrTime now,
                                          KyrHttpContext* ctx);
 // One reference each on the application, the endpoint, the server, its node and its cluster.

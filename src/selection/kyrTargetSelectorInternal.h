@@ -7,10 +7,13 @@
 
 namespace kyr {
 
-// Replaces an owned string with a counted copy. Not kyrReplaceStr: that frees with plain free
-// and leaves the memory counter raised, which would make every model change look like a leak.
-void tsReplaceStr(char** location, const char* value);
-inline const char* tsNullText(const char* s) { return s != nullptr ? s : "null"; }
+// A new server's and endpoint's time-outs in seconds, which the endpoint getters also give for
+// an endpoint without a server.
+inline constexpr int kDefaultConnectTimeoutSecs = 5;
+inline constexpr int kDefaultIoTimeoutSecs = 900;
+inline constexpr int kDefaultWsIoTimeoutSecs = 30;
+inline constexpr int kDefaultWsIdleTimeoutSecs = 900;
+inline constexpr int kDefaultPersistentTimeoutSecs = 30;
 
 // Each expects the selector lock held; the object leaves the model's lists and is freed, and
 // the references it held on its parents are released.

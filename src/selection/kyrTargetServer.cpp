@@ -5,6 +5,7 @@
 
 #include "runtime/kyrLibUtil.h"
 #include "runtime/kyrPublish.h"
+#include "runtime/kyrUtil.h"
 #include "selection/kyrTargetSelector.h"
 #include "selection/kyrTargetSelectorInternal.h"
 #include "trace/trWrite.h"
@@ -45,7 +46,7 @@ void setStateLocked(TargetServer* server, const char* state) {
   char* old = server->state;
   server->state = kyrStrdup(state);
   if (old == nullptr || strcmp(old, state) != 0) {
-    trLog(ts->trCtx, ts->serverStateRec, state, tsNullText(old), server->name);
+    trLog(ts->trCtx, ts->serverStateRec, state, kyrNullText(old), server->name);
   }
   if (isStopped(old) != isStopped(state)) {
     if (isStopped(state)) {
@@ -92,10 +93,10 @@ TargetServer* tsServerCreate(TargetNode* node, const char* name, KyrConnector* c
   server->connector = connector;
   server->state = kyrStrdup("STOPPED");
   server->weight = -1;
-  server->connectTimeout = 5;
-  server->ioTimeout = 900;
-  server->wsIoTimeout = 30;
-  server->wsIdleTimeout = 900;
+  server->connectTimeout = kDefaultConnectTimeoutSecs;
+  server->ioTimeout = kDefaultIoTimeoutSecs;
+  server->wsIoTimeout = kDefaultWsIoTimeoutSecs;
+  server->wsIdleTimeout = kDefaultWsIdleTimeoutSecs;
   server->maxConnections = 99999;
   server->maintenanceMode = NormalMM;
   for (KyrList*& list : server->endPoints) list = kyrListCreate(nullptr);
@@ -198,7 +199,7 @@ void tsServerSetWeight(TargetServer* server, int weight) {
 void tsServerSetSessionAffinityCookies(TargetServer* server, const char* cookies) {
   if (cookies == nullptr) return;
   KyrLockGuard guard(server->selector->lock, "tsServerSetSessionAffinityCookies");
-  tsReplaceStr(&server->sessionAffinityCookies, cookies);
+  kyrReplaceCountedStr(&server->sessionAffinityCookies, cookies);
 }
 
 void tsServerSetType(TargetServer* server, KyrServerType type) {
@@ -293,6 +294,7 @@ KyrConnector* tsServerGetConnector(TargetServer* server) { return server->connec
 // ---- Selectability -------------------------------------------------------------------------
 
 void serverRecomputeSelectability(TargetServer* server) {
+  kyrLockAssertHeld(server->selector->lock);
   const char* noAffinity = nullptr;
   const char* noLoadBalancing = nullptr;
   if (server->deleted) {
@@ -312,10 +314,10 @@ void serverRecomputeSelectability(TargetServer* server) {
   server->reasonForNoLoadBalancing = noLoadBalancing;
   TargetSelector* ts = server->selector;
   trDebug(ts->trCtx, ts->controlRec, "serverRecomputeSelectability: reasonForNoAffinity: %s %s\n",
-          server->name, tsNullText(noAffinity));
+          server->name, kyrNullText(noAffinity));
   trDebug(ts->trCtx, ts->controlRec,
           "serverRecomputeSelectability: reasonForNoLoadBalancing: %s %s\n", server->name,
-          tsNullText(noLoadBalancing));
+          kyrNullText(noLoadBalancing));
 }
 
 // ---- Back-off and calculators ----------------------------------------------------------------

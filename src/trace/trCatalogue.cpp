@@ -189,7 +189,7 @@ bool kyrHandleEndElement(const char* name, const char* text, void* mgrArg) {
   if (tail == nullptr || tail->object == nullptr) return true;
   switch (tail->kind) {
     case TrElementKind::kEntry:
-      trReplaceText(&static_cast<TrMessage*>(tail->object)->format, text);
+      kyrReplaceCountedStr(&static_cast<TrMessage*>(tail->object)->format, text);
       break;
     case TrElementKind::kRecord:
       // A "text" belongs inside an entry; inside a record or group it replaces the path

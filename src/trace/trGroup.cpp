@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "runtime/kyrLibUtil.h"
+#include "runtime/kyrUtil.h"
 #include "trace/trMgr.h"
 #include "trace/trRecord.h"
 
@@ -86,7 +87,7 @@ TrRecord** trGroupGetChildRecords(TrGroup* group) {
 }
 
 void trGroupSetDescription(TrGroup* group, const char* description) {
-  if (group != nullptr) trReplaceText(&group->description, description);
+  if (group != nullptr) kyrReplaceCountedStr(&group->description, description);
 }
 
 void trGroupSetPath(TrGroup* group, const char* path) {

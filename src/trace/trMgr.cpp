@@ -36,11 +36,6 @@ char* makePath(const char* parentName, const char* childName) {
 
 char* trPathCopy(const char* path) { return path != nullptr ? strdup(path) : nullptr; }
 
-void trReplaceText(char** field, const char* text) {
-  kyrFree(*field);
-  *field = kyrStrdup(text);
-}
-
 void trMgrPutGroup(TrMgr* mgr, TrGroup* group) {
   if (mgr == nullptr || group == nullptr || group->key == nullptr) return;
   // A second group declared with the same path takes the name over; the first stays in its

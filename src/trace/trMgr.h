@@ -31,10 +31,6 @@ char* makePath(const char* parentName, const char* childName);
 // Plain copy of a path text (null for null): paths are plain texts because makePath makes them.
 char* trPathCopy(const char* path);
 
-// Replaces a counted text field with a counted copy (or null). Unlike kyrReplaceStr it releases
-// the old text with kyrFree, so the memory counter stays exact across trace object lifetimes.
-void trReplaceText(char** field, const char* text);
-
 // Registers a group under the text it was declared with (its key).
 void trMgrPutGroup(TrMgr* mgr, TrGroup* group);
 

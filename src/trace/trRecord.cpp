@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "runtime/kyrLibUtil.h"
+#include "runtime/kyrUtil.h"
 #include "trace/trGroup.h"
 #include "trace/trMgr.h"
 
@@ -61,11 +62,11 @@ TrMgr* trRecordGetMgr(TrRecord* rec) { return rec != nullptr ? rec->mgr : nullpt
 int trRecordGetIndex(TrRecord* rec) { return rec != nullptr ? rec->index : -1; }
 
 void trRecordSetFormat(TrRecord* rec, const char* format) {
-  if (rec != nullptr) trReplaceText(&rec->format, format);
+  if (rec != nullptr) kyrReplaceCountedStr(&rec->format, format);
 }
 
 void trRecordSetMessageId(TrRecord* rec, const char* messageId) {
-  if (rec != nullptr) trReplaceText(&rec->messageId, messageId);
+  if (rec != nullptr) kyrReplaceCountedStr(&rec->messageId, messageId);
 }
 
 void trRecordSetPath(TrRecord* rec, const char* path) {
