@@ -57,7 +57,8 @@ release: deps
 # Every source file as the checked-in .clang-format writes it.
 format:
 	@./.ci/install-deps clang-format-14 git
-	clang-format-14 --dry-run -Werror $(FORMAT_FILES)
+	@echo "clang-format-14 --dry-run -Werror over $(words $(FORMAT_FILES)) files"
+	@clang-format-14 --dry-run -Werror $(FORMAT_FILES)
 
 # clang-tidy with the checked-in .clang-tidy over the library; any finding fails.
 tidy: deps
