@@ -41,7 +41,7 @@ class TrContextTest : public testing::Test {
   TrContext* ctx_;
 };
 
-TEST_F(TrContextTest, EnablementUsesTheDefaultLevelElseTheRecordsLevelUnlessOneIsGiven) {
+TEST_F(TrContextTest, EnablementUsesTheDefaultLevelUnlessOneIsGiven) {
   // A new context starts with ":NOTICE".
   EXPECT_TRUE(trContextLogEnabled(ctx_, record("http.select")));       // WARNING
   EXPECT_FALSE(trContextLogEnabled(ctx_, record("control.process")));  // INFO
@@ -55,12 +55,6 @@ TEST_F(TrContextTest, EnablementUsesTheDefaultLevelElseTheRecordsLevelUnlessOneI
   EXPECT_TRUE(trContextTraceEnabled(ctx_, record("http.badHost"), TR_LEVEL_OFF));
   EXPECT_FALSE(trContextLogEnabled(nullptr, record("http.select")));
   EXPECT_FALSE(trContextTraceEnabled(nullptr, record("http.select"), TR_LEVEL_ERROR));
-  // A record made from a message has no default level, so its own level decides.
-  TrRecord* rec = kyr::trRecordCreateFromMessage(mgr_.get(), "late", TR_LEVEL_INFO, "KYR0099");
-  use(":NOTICE,KYR0099:NOTICE");
-  EXPECT_FALSE(trContextLogEnabled(ctx_, rec));
-  use("KYR0099:INFO");
-  EXPECT_TRUE(trContextLogEnabled(ctx_, rec));
 }
 
 TEST_F(TrContextTest, WritersPassFormatLevelAndMessageIdWithoutTestingEnablement) {
