@@ -1,11 +1,10 @@
-// The HTTP operands, evaluated in rules against a request of the test host. A callback that
-// the host lacks or that answers nothing gives no value, which makes every comparison false;
-// only `protocol` answers a present null instead.
+// The HTTP operands, evaluated in rules against a request of the test host.
 #include "lang/kyrHttpLanguage.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 
 #include "core/kyr.h"
 #include "lang/kyrRule.h"
@@ -54,71 +53,57 @@ class HttpLanguage : public ::testing::Test {
 };
 
 // A parameter is found by plain substring search, so "id" finds the value of userid, and one
-// written without "=" answers its own name.
-TEST_F(HttpLanguage, QueryParametersAreFoundByPlainSubstringSearch) {
+// written without "=" answers its own name. Group names arrive as one text in list notation,
+// which the list operators do not read as a list: they fail safe. A missing or empty proxy
+// header leaves the client host to the host's callback.
+TEST_F(HttpLanguage, OperandsReadTheRequestThroughTheHostsCallbacks) {
   request_.queryString = "lang=en&page=2&userid=7&flag&empty=";
-  for (const char* text :
-       {"queryparm$lang = 'en'", "queryparm(name='page') = '2'", "queryparm$id = '7'",
-        "queryparm$flag = 'flag'", "queryparm$empty = ''"}) {
-    EXPECT_TRUE(matches(text)) << text;
-  }
-  EXPECT_FALSE(matches("queryparm$x is null"));  // absent: no value, not a null one
-  EXPECT_FALSE(matches("queryparm$x is not null"));
-}
-
-TEST_F(HttpLanguage, AMissingStringMakesEveryComparisonFalseExceptForProtocol) {
-  EXPECT_FALSE(matches("cookie$JSESSIONID is not null"));
-  EXPECT_FALSE(matches("cookie$JSESSIONID is null"));  // no result: false, "is null" included
-  request_.cookies["JSESSIONID"] = "0001:c1";
-  EXPECT_TRUE(matches("cookie$JSESSIONID is not null"));
-  EXPECT_TRUE(matches("cookie$JSESSIONID like '*:c1'"));
-
-  EXPECT_TRUE(matches("protocol = 'https'"));
-  host_.env.http.request.getProtocol = [](EnvHttpContext*) -> char* { return nullptr; };
-  kyr_->env.http.request.getProtocol = host_.env.http.request.getProtocol;
-  EXPECT_TRUE(matches("protocol is null"));  // deliberately a present null
-}
-
-TEST_F(HttpLanguage, RequestOperandsReadTheirCallbacks) {
   request_.headers["Host"] = "shop";
   request_.method = "POST";
-  request_.cookies["JSESSIONID"] = "s";
-  for (const char* text :
-       {"uri like '/trade/*'", "header(headerName='Host') = 'shop'", "HTTPMethod in ('GET','POST')",
-        "port = 443 and virtualport = 443", "serverhost = 'shop.example.com'",
-        "virtualhost = 'shop.example.com'", "clientipv4 = '127.0.0.1'", "clientipv6 = '127.0.0.1'",
-        "serveripv4 = serveripv6", "cookie(cookieName='JSESSIONID') = 's'"}) {
-    EXPECT_TRUE(matches(text)) << text;
-  }
-  EXPECT_FALSE(matches("uid is not null"));  // the test host has no authenticated user
+  request_.cookies["JSESSIONID"] = "0001:c1";
+  g_groups[0] = "admins";
+  g_groups[1] = "users";
+  const std::pair<const char*, bool> rows[] = {
+      {"queryparm$lang = 'en'", true},
+      {"queryparm(name='page') = '2'", true},
+      {"queryparm$id = '7'", true},
+      {"queryparm$flag = 'flag'", true},
+      {"queryparm$empty = ''", true},
+      {"queryparm$x is null", false},  // absent: no value, not a null one
+      {"queryparm$x is not null", false},
+      {"uri like '/trade/*'", true},
+      {"header(headerName='Host') = 'shop'", true},
+      {"HTTPMethod in ('GET','POST')", true},
+      {"port = 443 and virtualport = 443", true},
+      {"serverhost = 'shop.example.com' and virtualhost = 'shop.example.com'", true},
+      {"clientipv4 = '127.0.0.1' and clientipv6 = '127.0.0.1'", true},
+      {"serveripv4 = serveripv6", true},
+      {"cookie(cookieName='JSESSIONID') like '*:c1'", true},
+      {"cookie$other is null", false},  // no result: false, "is null" included
+      {"cookie$other is not null", false},
+      {"clienthost = 'client.example.com'", true},
+      {"uid is not null", false},  // the test host has no authenticated user
+      {"'admins' in gids$realm", false},
+      {"gids$realm is null", false},
+      {"gids$realm is not null", false},
+      {"protocol = 'https'", true},
+  };
+  for (const auto& [text, expected] : rows) EXPECT_EQ(matches(text), expected) << text;
+  g_groups[0] = g_groups[1] = nullptr;
+  EXPECT_FALSE(matches("'a' in gids$realm"));  // no groups: no result
+  request_.headers["$ZQRH"] = "";
+  EXPECT_TRUE(matches("clienthost = 'client.example.com'"));
+  request_.headers["$ZQRH"] = "proxy-client";
+  EXPECT_TRUE(matches("clienthost = 'proxy-client'"));
   kyr_->env.http.request.getUserName = [](EnvHttpContext*) -> char* {
     return const_cast<char*>("alice");
   };
   EXPECT_TRUE(matches("uid = 'alice'"));
 }
 
-TEST_F(HttpLanguage, ClientHostComesFromTheProxyHeaderUnlessItIsEmpty) {
-  EXPECT_TRUE(matches("clienthost = 'client.example.com'"));
-  request_.headers["$ZQRH"] = "";
-  EXPECT_TRUE(matches("clienthost = 'client.example.com'"));
-  request_.headers["$ZQRH"] = "proxy-client";
-  EXPECT_TRUE(matches("clienthost = 'proxy-client'"));
-}
-
-// Group names arrive as one text in list notation, which the list operators do not read as a
-// list: they fail safe, with groups or without.
-TEST_F(HttpLanguage, GroupNamesAreOneTextInListNotation) {
-  EXPECT_FALSE(matches("'a' in gids$realm"));  // no groups: no result
-  g_groups[0] = "admins";
-  g_groups[1] = "users";
-  for (const char* text :
-       {"'admins' in gids$realm", "gids$realm is null", "gids$realm is not null"}) {
-    EXPECT_FALSE(matches(text)) << text;
-  }
-  g_groups[0] = g_groups[1] = nullptr;
-}
-
-TEST_F(HttpLanguage, OptionalCallbacksTheHostLacksGiveNoValue) {
+// A callback the host lacks, or no request at all, gives no value, which makes every comparison
+// false; only `protocol` deliberately answers a present null instead.
+TEST_F(HttpLanguage, WithoutACallbackOrARequestOnlyProtocolAnswersANull) {
   kyr_->env.http.request.getLocalAddress = nullptr;
   kyr_->env.http.request.getQueryString = nullptr;
   kyr_->env.http.request.getMethod = nullptr;
@@ -126,14 +111,12 @@ TEST_F(HttpLanguage, OptionalCallbacksTheHostLacksGiveNoValue) {
     EXPECT_FALSE(matches((std::string(operand) + " is null").c_str())) << operand;
     EXPECT_FALSE(matches((std::string(operand) + " is not null").c_str())) << operand;
   }
-}
-
-// Rules evaluated without a request context: no host, so no value, except protocol's null.
-TEST_F(HttpLanguage, WithoutARequestEveryOperandIsAbsentButProtocolIsNull) {
   for (const char* text : {"uri is null", "cookie$a is null", "port = 0"}) {
     EXPECT_FALSE(matches(text, false)) << text;
   }
   EXPECT_TRUE(matches("protocol is null", false));
+  kyr_->env.http.request.getProtocol = [](EnvHttpContext*) -> char* { return nullptr; };
+  EXPECT_TRUE(matches("protocol is null"));
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // Language core: duplicate refusal, reduction by registration order, lists, operand arguments
 // in every form, every syntax error with its position, the bounds on fields and nesting, and
-// the memory that parsing, evaluation and context properties give back.
+// the memory that parsing and evaluation give back.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -175,13 +175,6 @@ TEST(LangMemory, ParseEvaluateAndFreeLeaveTheCounterWhereItWas) {
   }
   testing::internal::GetCapturedStderr();
   langFree(lang);
-  // Replacing a context property frees the value it replaces; freeing the context leaves the
-  // values to whoever set them.
-  EvaluationContext* ec = evaluationContextCreate(nullptr, nullptr);
-  evaluationContextSetProp(ec, "a", kyrStrdup("1"));
-  evaluationContextSetProp(ec, "a", kyrStrdup("2"));
-  kyrFree(evaluationContextFindPropVal(ec, "a"));
-  evaluationContextFree(ec);
   EXPECT_EQ(kyrGetMemCount(), before);
 }
 
