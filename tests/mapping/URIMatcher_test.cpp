@@ -79,9 +79,11 @@ struct MatchCase {
     {"/*=P", "=null"},
     {"*=All", "/x/y.z=All"},
     {"A=E A*=P", "AB=P"},
-    // Companions: a prefix answers its bare path and trailing slash; an exact pattern without a
-    // dot answers its trailing slash, and one with a trailing slash its bare path.
+    // Companions: a prefix answers its bare path and trailing slash (the root's "/" too, before
+    // a suffix there); an exact pattern without a dot answers its trailing slash, and one with a
+    // trailing slash its bare path.
     {"/a/*=T", "/a=T /a/=T /a/x/y=T"},
+    {"/*=P */=S", "/=P /a/=S"},
     {"/a=T /b.html=H /c/=C", "/a/=T /b.html=H /b.html/=null /c=C /c/=C"},
     // A user pattern takes over a companion, in either order; the first of two user patterns stays.
     {"/A=bare /A/=slash", "/A/=slash /A=bare"},

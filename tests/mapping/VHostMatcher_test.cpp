@@ -1,5 +1,5 @@
-// Virtual hosts: host comparison (case, trailing dot), the alias test of VHost, and a group's
-// aliases with their pruning and the deliberately first-only any-port host.
+// Virtual hosts: host comparison (case, trailing dot), and a group's aliases with their pruning
+// and the deliberately first-only any-port host.
 #include "mapping/VHostMatcher.h"
 
 #include <gtest/gtest.h>
@@ -31,32 +31,6 @@ TEST(VHostCompareHosts, IgnoresAsciiCaseButNotLength) {
     EXPECT_EQ(kyr::compareHostsIgnoreCase(row.a, row.b), row.equal)
         << (row.a ? row.a : "(null)") << " vs " << (row.b ? row.b : "(null)");
   }
-}
-
-class VHostTest : public kyrtest::MappingTest {};
-
-TEST_F(VHostTest, AliasMatchesHostAndPortWithStarAndMinusOneForAny) {
-  kyr::VHost* anyHost = kyr::VHostCreate(&ri_, "*", 80, false);
-  kyr::VHost* anything = kyr::VHostCreate(&ri_, nullptr, -1, false);
-  kyr::VHost* specific = kyr::VHostCreate(&ri_, "Host1", 8080, false);
-  struct {
-    kyr::VHost* alias;
-    const char* host;
-    int port;
-    bool matches;
-  } rows[] = {
-      {anyHost, "whatever", 80, true},   {anyHost, "whatever", 81, false},
-      {anything, nullptr, 1, true},      {specific, "HOST1", 8080, true},
-      {specific, "host1.", 8080, false}, {specific, "host1", 80, false},
-      {specific, nullptr, 8080, false},  {specific, "*", 8080, false},  // a request never says "*"
-  };
-  for (const auto& row : rows) {
-    EXPECT_EQ(kyr::match(row.alias, row.host, row.port), row.matches)
-        << kyr::getKey(row.alias) << ":" << kyr::getPort(row.alias) << " asked "
-        << (row.host ? row.host : "(null)") << ":" << row.port;
-  }
-  EXPECT_STREQ(kyr::getKey(specific), "host1");
-  for (kyr::VHost* vh : {anyHost, anything, specific}) kyr::vHostDelete(vh);
 }
 
 // ---- VHostMatcher

@@ -83,6 +83,7 @@ TEST_F(URLMatcherTest, LongestContextRootWinsAndTheFirstGroupUnlessItIsGeneric) 
     int winner;
   } rows[] = {
       {"/app", "/app/sub", "/app/sub/x", 2},
+      {"/app/sub", "/app", "/app/sub/x", 1},
       {"/app", "/app/sub", "/app/x", 1},
       {"/|/app/sub/deep/*", "/app", "/app/sub/deep/x", 2},  // root length, not pattern length
       {"-", "/", "/x", 2},

@@ -124,12 +124,6 @@ TEST_F(EditionRouting, DeltasChangeRulesInPlace) {
             "(none): reject 500 no edition routing rule match found; Error Status Code=500");
 }
 
-TEST_F(EditionRouting, WithoutTheDefaultWorkClassEachModuleServesItsOwnEdition) {
-  change("del", "webRouteWorkClass", kWorkClass);
-  EXPECT_EQ(decide(withHeader("/shop/a", "X-Beta")), "1.0: shop on s1");
-  EXPECT_EQ(decide(request("/shop/closed/x")), "1.0: shop on s1");
-}
-
 // That the control trace rule made its action (":INFO") the default trace specification at once
 // shows in the next test: requests that match no rule trace at INFO.
 TEST_F(EditionRouting, OnlyThisServersTraceRuleSetIsKept) {
@@ -162,6 +156,10 @@ TEST_F(EditionRouting, ARequestMatchingATraceRuleTracesWithItsSpecification) {
       "':NOTICE,http:WARNING'"));
   EXPECT_EQ(traceLevel(withHeader("/shop/a", "X-Debug")), TR_LEVEL_WARNING);
   EXPECT_EQ(traceLevel(request("/shop/a")), TR_LEVEL_INFO);
+  // Without a condition a rule matches every request, after the rules that have one.
+  ASSERT_EQ(kyrSetTraceSpecification(kyr_, "all/1", ":NOTICE,http:ERROR", nullptr), 0);
+  EXPECT_EQ(traceLevel(request("/shop/a")), TR_LEVEL_ERROR);
+  EXPECT_EQ(traceLevel(withHeader("/shop/a", "X-Debug")), TR_LEVEL_WARNING);
 }
 
 TEST_F(EditionRouting, TraceRulesComeAndGoWithDeltas) {

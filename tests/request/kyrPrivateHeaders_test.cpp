@@ -1,6 +1,6 @@
-// The private request headers: their exact order and values, once per request, the switch that
-// disables all but the partition version, and the one that tells a server affinity was broken.
-// The partition version a response taught is shown with the partition tables.
+// The private request headers: their exact order and values, once per request, and the switch
+// that disables all but the partition version. The partition version a response taught is shown
+// with the partition tables, the header that tells a server affinity was broken with affinity.
 #include <gtest/gtest.h>
 
 #include <deque>
@@ -83,13 +83,6 @@ TEST_F(PrivateHeaders, DisablingThemLeavesOnlyThePartitionVersion) {
   RecordingRequest& r = recording("/shop/a");
   route(r);
   EXPECT_EQ(r.set, (Headers{{"_ZQ_HAPRT_WLMVERSION", "-1"}}));
-}
-
-TEST_F(PrivateHeaders, BreakingAffinityTellsTheServer) {
-  RecordingRequest& r = recording("/shop/a");
-  KyrHttpContext* ctx = obtain(r);
-  EXPECT_EQ(kyrHttpContextBreakAffinity(ctx), 0);
-  EXPECT_EQ(r.set, (Headers{{"$ZQFO", "true"}}));
 }
 
 }  // namespace
