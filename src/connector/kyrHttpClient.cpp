@@ -1,0 +1,318 @@
+// The built-in HTTP client: request heads, the status line and headers read line by line from
+// one 2048-byte buffer on the caller's stack, and bodies by length or in chunks, received
+// straight into the response when the length is known.
+#include "connector/kyrHttpClient.h"
+
+#include <arpa/inet.h>
+#include <netdb.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "runtime/kyrLibUtil.h"
+#include "runtime/kyrList.h"
+#include "runtime/kyrUrl.h"
+
+namespace kyr {
+namespace {
+
+constexpr size_t kBufferSize = 2048;
+
+// What has been received of one response; the buffer is the request's stack buffer.
+struct InputStream {
+  int fd;
+  size_t startIdx;  // next unread byte
+  size_t endIdx;    // bytes held
+  char* bufPtr;
+  size_t bufSize;
+  bool eof;  // a receive returned 0 or less (the end, an error or the receive time-out)
+};
+
+// One piece of a chunked body; its bytes follow the record.
+struct Chunk {
+  char* ptr;
+  size_t size;
+};
+
+// Sends until everything is out or a send fails; a short write shows as a missing status line.
+void writeAll(int fd, const char* data, size_t length) {
+  while (length > 0) {
+    ssize_t sent = send(fd, data, length, MSG_NOSIGNAL);
+    if (sent < 1) return;
+    data += sent;
+    length -= static_cast<size_t>(sent);
+  }
+}
+
+void receiveMore(InputStream* in) {
+  if (in->startIdx > 0) {
+    memmove(in->bufPtr, in->bufPtr + in->startIdx, in->endIdx - in->startIdx);
+    in->endIdx -= in->startIdx;
+    in->startIdx = 0;
+  }
+  size_t room = in->bufSize - 1 - in->endIdx;  // the held text stays terminated
+  ssize_t got = room > 0 ? recv(in->fd, in->bufPtr + in->endIdx, room, 0) : 0;
+  if (got <= 0) {
+    in->eof = true;
+    return;
+  }
+  in->endIdx += static_cast<size_t>(got);
+  in->bufPtr[in->endIdx] = '\0';
+}
+
+// The next line without its CR LF, or at the end of the stream the unfinished remainder; null
+// when nothing is left.
+char* getNextLine(InputStream* in) {
+  for (;;) {
+    for (size_t i = in->startIdx; i + 1 < in->endIdx; ++i) {
+      if (in->bufPtr[i] == '\r' && in->bufPtr[i + 1] == '\n') {
+        in->bufPtr[i] = '\0';
+        char* line = in->bufPtr + in->startIdx;
+        in->startIdx = i + 2;
+        return line;
+      }
+    }
+    if (in->eof) break;
+    receiveMore(in);
+  }
+  if (in->endIdx == in->startIdx) return nullptr;
+  in->bufPtr[in->endIdx] = '\0';
+  char* line = in->bufPtr + in->startIdx;
+  in->startIdx = in->endIdx;
+  return line;
+}
+
+// Exactly `size` bytes into `out`: what the buffer holds first, then straight from the socket.
+// False at the end of the stream.
+bool readExactly(InputStream* in, char* out, size_t size, size_t* got) {
+  size_t buffered = in->endIdx - in->startIdx;
+  size_t take = buffered < size ? buffered : size;
+  memcpy(out, in->bufPtr + in->startIdx, take);
+  in->startIdx += take;
+  *got = take;
+  while (*got < size) {
+    ssize_t n = recv(in->fd, out + *got, size - *got, 0);
+    if (n <= 0) {
+      in->eof = true;
+      return false;
+    }
+    *got += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+KyrHttpResponse* responseCreate(int code, size_t bodySize) {
+  auto* response = static_cast<KyrHttpResponse*>(kyrMalloc(sizeof(KyrHttpResponse) + bodySize + 1));
+  response->responseCode = code;
+  response->body = reinterpret_cast<char*>(response + 1);
+  return response;
+}
+
+KyrHttpResponse* readChunkedBody(InputStream* in, int code) {
+  KyrList* chunks = kyrListCreate([](void* chunk) { kyrFree(chunk); });
+  size_t total = 0;
+  KyrHttpResponse* response = nullptr;
+  for (;;) {
+    char* line = getNextLine(in);
+    if (line == nullptr) {
+      printf("no chunk found; unexpected EOF");
+      break;
+    }
+    if (*line == '\0') continue;  // the CR LF that ends the previous chunk's data
+    int size = hex2int(line);
+    if (size < 0) {
+      printf("bad response: invalid chunk size: %s\n", line);
+      break;
+    }
+    if (size == 0) {  // trailer lines are not read
+      response = responseCreate(code, total);
+      char* out = response->body;
+      for (KyrListEle* e = kyrListGetHead(chunks); e != nullptr; e = kyrListGetNext(e)) {
+        auto* chunk = static_cast<Chunk*>(kyrListEleGetObject(e));
+        memcpy(out, chunk->ptr, chunk->size);
+        out += chunk->size;
+      }
+      break;
+    }
+    auto* chunk = static_cast<Chunk*>(kyrMalloc(sizeof(Chunk) + static_cast<size_t>(size)));
+    chunk->ptr = reinterpret_cast<char*>(chunk + 1);
+    chunk->size = static_cast<size_t>(size);
+    kyrListAddTail(chunks, chunk);
+    size_t got;
+    if (!readExactly(in, chunk->ptr, chunk->size, &got)) break;
+    total += chunk->size;
+  }
+  kyrListDestroy(chunks);
+  return response;
+}
+
+KyrHttpResponse* readSizedBody(InputStream* in, int code, size_t length) {
+  KyrHttpResponse* response = responseCreate(code, length);
+  size_t got;
+  if (readExactly(in, response->body, length, &got)) return response;
+  response->body[got] = '\0';
+  printf("Didn't read entire body: %d bytes of %d read: '%s'\n", static_cast<int>(got),
+         static_cast<int>(length), response->body);
+  kyrHttpClientFreeResponse(response);
+  return nullptr;
+}
+
+bool connectClient(KyrHttpClient* client) {
+  client->fd = socket(AF_INET, SOCK_STREAM, 0);
+  if (client->fd < 0) {
+    printf("socket create failed: %d\n", errno);
+    return false;
+  }
+  client->timeoutInSecs = -1;  // a new socket has none
+  if (connect(client->fd, reinterpret_cast<const sockaddr*>(&client->dst), sizeof client->dst) !=
+      0) {
+    printf("connect failed to %s:%d: %d\n", client->host, ntohs(client->dst.sin_port), errno);
+    kyrHttpClientClose(client);
+    return false;
+  }
+  return true;
+}
+
+void applyTimeout(KyrHttpClient* client, int timeoutInSecs) {
+  if (timeoutInSecs == client->timeoutInSecs) return;
+  timeval tv{timeoutInSecs, 0};
+  if (setsockopt(client->fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) != 0) {
+    printf("setsockopt SO_RCVTIMEO failed; errno=%d\n", errno);
+    return;
+  }
+  client->timeoutInSecs = timeoutInSecs;
+}
+
+void sendRequest(KyrHttpClient* client, char* buffer, const char* method, const char* uri,
+                 const char* body) {
+  int length;
+  if (body != nullptr) {
+    length = snprintf(buffer, kBufferSize,
+                      "%s %s HTTP/1.1\r\nHost: %s\r\nContent-Type: application/json\r\n"
+                      "Accept: application/json\r\nContent-Length: %d\r\n\r\n",
+                      method, uri, client->host, static_cast<int>(strlen(body)));
+  } else {
+    length = snprintf(buffer, kBufferSize,
+                      "%s %s HTTP/1.1\r\nHost: %s\r\nAccept: application/json\r\n\r\n", method, uri,
+                      client->host);
+  }
+  // A head too long for the buffer goes out cut, and the publisher's answer says so.
+  size_t headLength = length < 0 ? 0 : static_cast<size_t>(length);
+  writeAll(client->fd, buffer, headLength < kBufferSize ? headLength : kBufferSize - 1);
+  if (body != nullptr) writeAll(client->fd, body, strlen(body));
+}
+
+struct Headers {
+  bool hasLength = false;
+  size_t length = 0;
+  bool chunked = false;
+  bool close = false;
+};
+
+// Reads the header lines; false for a Content-Length that is not a number.
+bool readHeaders(InputStream* in, Headers* headers) {
+  for (char* line = getNextLine(in); line != nullptr && *line != '\0'; line = getNextLine(in)) {
+    char* colon = strchr(line, ':');
+    if (colon == nullptr) continue;
+    *colon = '\0';
+    // Deliberately a fixed step of two: publishers write exactly one blank after the colon.
+    const char* value = colon[1] != '\0' ? colon + 2 : colon + 1;
+    if (strcmp(line, "Content-Length") == 0) {
+      if (value[strspn(value, "0123456789")] != '\0') {
+        printf("bad response: Content-Length response header value: %s\n", value);
+        return false;
+      }
+      headers->hasLength = true;
+      headers->length = strtoul(value, nullptr, 10);
+    } else if (strcmp(line, "Transfer-Encoding") == 0 && strcmp(value, "chunked") == 0) {
+      headers->chunked = true;
+    } else if (strcmp(line, "Connection") == 0 && strcmp(value, "Close") == 0) {
+      headers->close = true;  // "close" in lower case is deliberately not recognised
+    }
+  }
+  return true;
+}
+
+KyrHttpResponse* exchange(KyrHttpClient* client, const char* method, const char* uri,
+                          const char* body, bool* close) {
+  char buffer[kBufferSize];
+  sendRequest(client, buffer, method, uri, body);
+  InputStream in{client->fd, 0, 0, buffer, kBufferSize, false};
+  buffer[0] = '\0';
+  char* status = getNextLine(&in);
+  if (status == nullptr) return nullptr;
+  int code = 0;
+  if (sscanf(status, "%*s %d %*s", &code) < 1) code = 0;
+  Headers headers;
+  if (!readHeaders(&in, &headers)) return nullptr;
+  *close = headers.close;
+  if (headers.chunked) return readChunkedBody(&in, code);
+  if (headers.hasLength) return readSizedBody(&in, code, headers.length);
+  printf("No Content-Length header or chunked encoding found\n");
+  return nullptr;
+}
+
+}  // namespace
+
+int hex2int(const char* str) {
+  unsigned value = 0;
+  if (sscanf(str, "%x", &value) < 1) return 0;
+  return static_cast<int>(value);
+}
+
+KyrHttpClient* kyrHttpClientCreate(const char* urlArg) {
+  KyrUrl* url = kyrUrlCreate(urlArg);
+  if (url == nullptr || kyrUrlGetPort(url) < 0) {
+    kyrUrlDelete(url);
+    return nullptr;
+  }
+  // The system's look-up is not re-entrant; it runs only here, when a connector is made.
+  hostent* entry = gethostbyname(kyrUrlGetHost(url));
+  if (entry == nullptr || entry->h_addrtype != AF_INET || entry->h_addr_list[0] == nullptr) {
+    printf("unable to resolve hostname '%s' of '%s'\n", kyrUrlGetHost(url), urlArg);
+    kyrUrlDelete(url);
+    return nullptr;
+  }
+  auto* client = static_cast<KyrHttpClient*>(kyrMalloc(sizeof(KyrHttpClient)));
+  client->host = kyrStrdup(kyrUrlGetHost(url));
+  client->dst.sin_family = AF_INET;
+  client->dst.sin_port = htons(static_cast<uint16_t>(kyrUrlGetPort(url)));
+  memcpy(&client->dst.sin_addr, entry->h_addr_list[0], sizeof client->dst.sin_addr);
+  client->fd = -1;
+  client->timeoutInSecs = -1;
+  kyrUrlDelete(url);
+  return client;
+}
+
+KyrHttpResponse* kyrHttpClientGetResponse(KyrHttpClient* client, const char* method,
+                                          const char* uri, const char* requestBody,
+                                          int timeoutInSecs) {
+  if (client->fd < 0 && !connectClient(client)) return nullptr;
+  applyTimeout(client, timeoutInSecs);
+  bool close = false;
+  KyrHttpResponse* response = exchange(client, method, uri, requestBody, &close);
+  // After a failure the stream's position is unknown: the next request starts afresh.
+  if (response == nullptr || close) kyrHttpClientClose(client);
+  return response;
+}
+
+void kyrHttpClientFreeResponse(KyrHttpResponse* response) { kyrFree(response); }
+
+void kyrHttpClientClose(KyrHttpClient* client) {
+  if (client->fd >= 0) close(client->fd);
+  client->fd = -1;
+}
+
+void kyrHttpClientDelete(KyrHttpClient* client) {
+  if (client == nullptr) return;
+  kyrHttpClientClose(client);
+  kyrFree(client->host);
+  kyrFree(client);
+}
+
+}  // namespace kyr
