@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "connector/kyrBuiltinTransport.h"
 #include "connector/kyrConnectorGroup.h"
 #include "core/kyrHandleProperties.h"
 #include "core/kyrPartitionData.h"
@@ -185,6 +186,8 @@ Kyr* kyrCreate(EnvCallBacks* env, FILE* fp, const char* path) {
   Kyr* kyr = kyrNew<Kyr>();
   kyr->refcnt = 1;  // the creator's, dropped by kyrDestroy
   kyr->env = *env;
+  // A host without a connector transport of its own gets the library's, all four members.
+  if (kyr->env.http.connector.open == nullptr) kyrUseBuiltinConnectorTransport(&kyr->env);
   if (kyr->env.alarm == nullptr && kyr->env.alarm_ex == nullptr) {
     kyr->env.alarm_ex = builtinAlarm;
   }
