@@ -1,6 +1,5 @@
 // The handle's life: the state derived from its connector groups, start with its wait, stop,
-// destroy, references and when the memory goes, the host's endpoint objects, and the worker
-// thread's batches.
+// destroy, references and when the memory goes, and the worker thread's batches.
 #include <gtest/gtest.h>
 
 #include <future>
@@ -16,8 +15,6 @@ namespace {
 using namespace kyrtest;
 
 constexpr auto kGenerous = std::chrono::seconds(30);  // a bound for hangs, never a measurement
-
-// ---- kyrCheckState ----------------------------------------------------------------------------
 
 TEST(HandleCheckState, FirstMatchingRuleDecidesAndTheLastGroupInAStateIsNamed) {
   struct Row {
@@ -58,8 +55,6 @@ TEST(HandleCheckState, FirstMatchingRuleDecidesAndTheLastGroupInAStateIsNamed) {
   }
 }
 
-// ---- kyrSetState, kyrStart, kyrStop, kyrDestroy ---------------------------------------------
-
 using Reports = std::vector<std::pair<KyrComponentState, std::string>>;
 
 Reports reportsOf(Kyr* kyr) {
@@ -69,17 +64,6 @@ Reports reportsOf(Kyr* kyr) {
 }
 
 class HandleLifecycle : public HandleFixture {};
-
-TEST_F(HandleLifecycle, SetStateReportsChangesOnlyWithTheirReason) {
-  kyr::kyrSetState(kyr_, STARTED, "because");
-  kyr::kyrSetState(kyr_, STARTED, "again");
-  EXPECT_EQ(reportsOf(kyr_), (Reports{{STARTED, "because"}}));
-  EXPECT_TRUE(printedOnce("Library state changed from STOPPED to STARTED, reason: because"));
-  EXPECT_EQ(countPrinted("Library state changed from STARTED to STARTED, reason: again"), 0);
-  kyr_->env.stateChange.kyr = nullptr;  // hosts need not listen
-  kyr::kyrSetState(kyr_, STOPPED, "quietly");
-  EXPECT_EQ(kyrGetState(kyr_), STOPPED);
-}
 
 TEST_F(HandleLifecycle, StateDecidesWhetherTheHandleIsStoppedUsableStartableAndStoppable) {
   struct Row {
@@ -170,6 +154,7 @@ TEST_F(HandleLifecycle, StartThatSettlesAtOnceDoesNotWaitAndDestroyStopsThroughT
   EXPECT_EQ(kyrGetState(kyr_), STARTED);
   EXPECT_EQ(countPrinted("Waiting for KYR initialization to complete ...\n"), 0);
   EXPECT_TRUE(printedOnce("KYR initialization is complete\n"));
+  EXPECT_TRUE(printedOnce("Library state changed from STOPPED to STARTING, reason: starting"));
   Kyr* kyr = kyr_;
   kyr_ = nullptr;
   kyrDestroy(kyr);
@@ -182,8 +167,6 @@ TEST_F(HandleLifecycle, StartThatSettlesAtOnceDoesNotWaitAndDestroyStopsThroughT
   EXPECT_TRUE(printedOnce("kyrDestroy2: enter"));
   EXPECT_TRUE(printedOnce("connector group deleted: cg1\n"));
 }
-
-// ---- References, memory, host endpoint objects -----------------------------------------------
 
 TEST(HandleMemory, DestroyWhileAReferenceIsHeldFreesOnlyAtTheLastRelease) {
   int baseline = settledMemCount();
@@ -210,8 +193,6 @@ TEST(HandleMemory, DestroyWhileAReferenceIsHeldFreesOnlyAtTheLastRelease) {
   kyr::trPurgeDeathRow();
   EXPECT_EQ(baseline, kyr::kyrGetMemCount());
 }
-
-// ---- The worker thread ------------------------------------------------------------------------
 
 // Work items of these tests record their tags in the order the worker ran them.
 struct Journal {

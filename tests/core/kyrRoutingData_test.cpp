@@ -35,6 +35,12 @@ json_t* child(json_t* object, size_t index) {
   return json_array_get(json_object_get(object, "objects"), index);
 }
 
+// How many cluster:server relationships the stored document holds.
+size_t storedClusterServers(const KyrConnector* c) {
+  json_t* add = json_object_get(c->json, "add");
+  return json_array_size(json_object_get(json_object_get(add, "relationships"), "cluster:server"));
+}
+
 class RoutingData : public kyrtest::HandleFixture {
  protected:
   void SetUp() override {
@@ -88,6 +94,7 @@ TEST_F(RoutingData, DeltasReachTheModelAndTheStoredDocumentEqualsWhatAPublisherW
                   "objects": {"type": "serverApplication", "name": "/serverApplication/shop"}}}})");
   EXPECT_EQ(sapp(kS3, "shop"), nullptr);
   EXPECT_EQ(json_array_size(c_->delRoutes), 1u);  // no longer routable, for its publisher
+  EXPECT_EQ(storedClusterServers(c_), 2u);
   EXPECT_STREQ(kyr::sappIsSelectableForAffinity(sapp(kS3, "cart"), now),
                "no cluster associated with the server");
 
@@ -195,10 +202,7 @@ TEST_F(RoutingData, MalformedDocumentsAreReportedAndLeaveTheModelIntact) {
     EXPECT_NE(server(kS1), nullptr);
     EXPECT_EQ(kyr::tsServerGetCluster(server(kS3)), object<kyr::Cluster>(kWeb));
     EXPECT_EQ(kyr_->maxHttpContextPoolSize, 64);
-    json_t* add = json_object_get(c_->json, "add");
-    EXPECT_EQ(
-        json_array_size(json_object_get(json_object_get(add, "relationships"), "cluster:server")),
-        3u);
+    EXPECT_EQ(storedClusterServers(c_), 3u);
   }
 }
 
