@@ -1,6 +1,6 @@
 // Requests mapped to web modules through the public request context, over a cell document with
 // two applications (one in two editions), two virtual host groups and URI patterns of every
-// kind; plus the context's own life: pooling, mapping once, its URL, cancelling.
+// kind; plus the context's own life: pooling, its URL, cancelling.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -8,10 +8,6 @@
 #include "support/routingFixture.h"
 
 namespace {
-
-using kyrtest::printedContains;
-
-constexpr const char* kShopModule = "/cell/shop/application/shop/webModule/shop.war";
 
 // An empty host or path stands for a request whose host cannot give one.
 char* hostOrNull(EnvHttpContext* r) {
@@ -100,25 +96,6 @@ TEST_F(RequestMapping, AnApplicationNamedUriServesItsURIs) {
   KyrHttpContext* ctx = map("shop.example.com", 80, "/u/x");
   EXPECT_EQ(handled_, 1);
   EXPECT_EQ(mapping(ctx), ": u.war at /u on default_host");
-}
-
-TEST_F(RequestMapping, ARequestIsMappedOnceWhateverItAsks) {
-  ASSERT_EQ(kyrSetDefaultTraceSpec(kyr_, ":NOTICE,http:DEBUG"), 0);
-  KyrHttpContext* ctx = map("shop.example.com", 80, "/shop/items");
-  requests_.back().path = "/nowhere";  // a second question does not map again
-  EXPECT_EQ(kyrHttpContextShouldHandle(ctx), 1);
-  EXPECT_STREQ(kyrHttpContextGetApplicationEditionName(ctx), "1.0");
-  EXPECT_TRUE(printedContains("performRequestMapping: return previous result: 1"));
-}
-
-TEST_F(RequestMapping, ARequestKeepsItsModelWhenTheRoutingDataIsRebuilt) {
-  KyrHttpContext* ctx = map("shop.example.com", 80, "/shop/items");
-  kyr::KyrRoutingInfo* held = ctx->routingInfo;
-  kyr::kyrResetRoutingInfo(kyr_);
-  EXPECT_NE(kyr_->routingInfo, held);
-  EXPECT_NE(kyr::kyrRoutingInfoObjectGet(held, kShopModule), nullptr);
-  release(ctx);  // the old version goes with the request (ASan)
-  EXPECT_EQ(map("shop.example.com", 80, "/shop/items")->routingInfo, kyr_->routingInfo);
 }
 
 // Names go into space that comes with the context, or onto the heap once that is full. Whatever
