@@ -36,20 +36,22 @@ constexpr const char* kPropertyTable[] = {
     kMaxElapsedTimePerRequestInSeconds,
     kPpid,
     kEnableEndpointSelectionBasedOnMatchedVHost,
+    nullptr,
 };
 
 // The table's own name string for a name, matched with or without regard to case.
 const char* tableName(const char* name, bool ignoreCase) {
   if (name == nullptr) return nullptr;
-  for (const char* known : kPropertyTable) {
+  for (const char* const* entry = kPropertyTable; *entry != nullptr; ++entry) {
+    const char* known = *entry;
     if ((ignoreCase ? kyrStrCmpIgnoreCase(name, known) : strcmp(name, known)) == 0) return known;
   }
   return nullptr;
 }
 
 bool isTableName(const char* key) {
-  for (const char* known : kPropertyTable) {
-    if (key == known) return true;
+  for (const char* const* entry = kPropertyTable; *entry != nullptr; ++entry) {
+    if (key == *entry) return true;
   }
   return false;
 }
@@ -155,6 +157,8 @@ void putUnknownProperty(Kyr* kyr, const char* name, const char* value) {
 }
 
 }  // namespace
+
+const char* const* kyrHandlePropertyNames() { return kPropertyTable; }
 
 const char* kyrSetPropertyFcn(void* kyr, const char* name, const char* value) {
   return applyProperty(static_cast<Kyr*>(kyr), name, value);

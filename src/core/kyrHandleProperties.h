@@ -11,6 +11,10 @@ namespace kyr {
 // through `props`, which calls it and then keeps the value.
 const char* kyrSetPropertyFcn(void* kyr, const char* name, const char* value);
 
+// The names of the property table, in matching order, null-terminated: the custom properties a
+// publisher is asked for.
+const char* const* kyrHandlePropertyNames();
+
 // Frees serverProps, including the key copies kept for names outside the property table.
 void serverPropsDestroy(Kyr* kyr);
 
