@@ -109,6 +109,28 @@ TEST_F(DocumentSafety, RelationshipsNamingObjectsOfTheWrongTypeAreSkipped) {
   }
 }
 
+// The setters of the type a "set" names would run on an object of another type.
+TEST_F(DocumentSafety, ASetNamingAnotherTypeThanTheStoredObjectIsSkipped) {
+  const std::string s1 = serverPath("n1", "s1");
+  const struct {
+    const char* type;
+    std::string name;
+    const char* props;
+    const char* storedType;
+  } cases[] = {
+      {"cell", s1, R"({"cp.x": "1"})", "server"},
+      {"server", kShop, R"({"weight": 5})", "webModule"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.type);
+    printed().clear();
+    set(c.type, c.name, c.props);
+    EXPECT_TRUE(printedContains("skip set operation on " + c.name + "; it is of type " +
+                                c.storedType + ", not " + c.type));
+    expectRoutingIntact();
+  }
+}
+
 // Before its group is initialised every document changes the version requests hold.
 TEST_F(DocumentSafety, DeletesInPlaceLeaveNothingBehindThatRequestsCouldReach) {
   EnvHttpContext& held = request("/shop/cart");
