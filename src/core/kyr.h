@@ -18,8 +18,8 @@
 //   - stateChange.kyr, stateChange.kyrConnectorGroup, stateChange.kyrConnector: the control lock;
 //   - the http.request getters (headers, cookies, path, query, client data): a rule set's lock
 //     while rules are matched, the selector lock while affinity reads the session;
-//   - http.request.setHeaderValue: the selector lock and the partition lock, for the private
-//     headers;
+//   - http.request.setHeaderValue: the partition lock, for the partition-table version header
+//     (the other private headers and the affinity-break header are written without a lock);
 //   - targetEndpoint.create and targetEndpoint.release: the selector lock and endPointRefLock;
 //   - trace.printf: whatever lock the writer of the line holds.
 #pragma once

@@ -25,12 +25,16 @@ void setPartitionTableVersionHeader(KyrHttpContext* ctx) {
     setHeader(ctx, "_ZQ_HAPRT_WLMVERSION", "-1");
     return;
   }
-  // The selector lock keeps the server's cluster link still; the partition lock keeps the
-  // version text alive until the host has copied it.
-  KyrLockGuard selectorGuard(server->selector->lock, "setPartitionTableVersionHeader");
+  // The selector lock keeps the server's cluster link still while its name is copied; the host
+  // is called only under the partition lock, which keeps the version text alive until the host
+  // has copied it.
+  std::string cluster;
+  {
+    KyrLockGuard selectorGuard(server->selector->lock, "setPartitionTableVersionHeader");
+    if (server->cluster != nullptr) cluster = server->cluster->name;
+  }
   KyrLockGuard partitionGuard(kyr->partitionIDData.lock, "setPartitionTableVersionHeader");
-  PartitionIDData* data =
-      server->cluster != nullptr ? kyrGetPartitionData(kyr, server->cluster->name) : nullptr;
+  PartitionIDData* data = !cluster.empty() ? kyrGetPartitionData(kyr, cluster.c_str()) : nullptr;
   const char* version = data != nullptr ? tsPartitionIDDataGetVersion(data) : nullptr;
   setHeader(ctx, "_ZQ_HAPRT_WLMVERSION", version != nullptr ? version : "-1");
 }

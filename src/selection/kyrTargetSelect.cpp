@@ -28,6 +28,7 @@ struct Choice {
   KyrTargetEndpoint* endpoint = nullptr;
   TargetServerApplication* sapp = nullptr;
   bool rolloutInProgress = false;
+  bool affinityBroken = false;  // the request is told so, after the lock
   int rejectCode = 0;
   const char* rejectReason = nullptr;
 };
@@ -51,9 +52,10 @@ KyrSSLMapMode resolveSSLMapMode(KyrHttpContext* ctx, TargetSelector* ts, Virtual
 }
 
 // Affinity keeps the session's server unless the server is at its connection limit; an
-// affinity that names no usable server is reported as broken.
+// affinity that names no usable server is traced and reported in `broken`, for the header
+// that says so, which is written once the selector lock is released.
 TargetServerApplication* affinityTarget(TargetSelector* ts, KyrHttpContext* ctx, VirtualCluster* vc,
-                                        const char* appName, KyrTime now) {
+                                        const char* appName, KyrTime now, bool* broken) {
   TrContext* tr = kyrHttpContextGetTrContext(ctx);
   std::string reason;
   TargetServerApplication* sapp =
@@ -61,7 +63,7 @@ TargetServerApplication* affinityTarget(TargetSelector* ts, KyrHttpContext* ctx,
   if (sapp == nullptr) {
     if (!reason.empty()) {
       trLog(tr, ts->breakAffinityRec, reason.c_str());
-      kyrHttpContextBreakAffinity(ctx);
+      *broken = true;
     }
     return nullptr;
   }
@@ -73,7 +75,7 @@ TargetServerApplication* affinityTarget(TargetSelector* ts, KyrHttpContext* ctx,
     return sapp;
   }
   trLog(tr, ts->breakAffinityRec, limit.c_str());
-  kyrHttpContextBreakAffinity(ctx);
+  *broken = true;
   if (trContextLogEnabled(tr, ts->selectRec)) {
     trContextDebug(tr, ts->selectRec,
                    "tsSelect: Breaking affinity for the request %s with ctx=%p because %s\n",
@@ -106,7 +108,7 @@ Choice chooseTarget(TargetSelector* ts, KyrHttpContext* ctx, const char* moduleN
   int outbound = mapProtocol(inbound, resolveSSLMapMode(ctx, ts, vc));
   Choice choice;
   choice.rolloutInProgress = vc->cluster->editionRolloutInProgress;
-  TargetServerApplication* sapp = affinityTarget(ts, ctx, vc, appName, now);
+  TargetServerApplication* sapp = affinityTarget(ts, ctx, vc, appName, now, &choice.affinityBroken);
   if (sapp == nullptr) sapp = wlorLoadBalance(vc, ts, now, ctx);
   if (sapp == nullptr) return choice;
   TargetServer* server = sapp->server;
@@ -227,6 +229,8 @@ KyrTargetEndpoint* tsSelect(TargetSelector* ts, KyrHttpContext* ctx) {
                    protocol, kyrNullText(appName), moduleName);
   }
   Choice choice = chooseTarget(ts, ctx, moduleName, appName, inbound, kyrGetCurrentTime(), debug);
+  // A host callback, so not under the selector lock.
+  if (choice.affinityBroken) kyrHttpContextBreakAffinity(ctx);
   if (choice.rejectCode != 0) {
     kyrHttpContextSetReject(ctx, choice.rejectCode, choice.rejectReason);
     return nullptr;
