@@ -289,10 +289,32 @@ KYR_EXPORT const char* kyrGetProcessTypeName(KyrProcessType type);
 KYR_EXPORT const char* kyrState2String(KyrComponentState state);
 
 /* ---- Connector groups ----------------------------------------------------------------------
- * A group is created STOPPED and added to the handle, which starts and stops it with itself. */
+ * A group is created STOPPED and added to the handle, which starts and stops it with itself.
+ * A started group posts its interest specification to its current connector's publisher, then
+ * long-polls it for deltas; a failing publisher moves it to the next connector, and after a
+ * full round of failures it is FAILED and retries after "retryInterval" seconds through the
+ * host's alarm (else alarm_ex).
+ *
+ * Host connector callbacks (http.connector): sendRequest must return before it calls the
+ * callback (the library holds the control lock while it sends), and it calls the callback
+ * exactly once for every request it accepted (returned 0), from another thread, also after
+ * close (then with a NULL response): the request holds references that only its answer drops. */
 KYR_EXPORT KyrConnectorGroup* kyrConnectorGroupCreate(Kyr* kyr, const char* name);
 KYR_EXPORT const char* kyrConnectorGroupGetName(KyrConnectorGroup* cg);
 KYR_EXPORT KyrComponentState kyrConnectorGroupGetState(KyrConnectorGroup* cg);
+/* Names, in any case: "maxRetries", "retryInterval" (seconds to wait after every connector
+ * failed; 60), "uri" (the REST path; "/brisvane"), "maxWaitOffset" (seconds added to the wait
+ * for the local receive time-out; 5), "enableRoutingToAdminConsole" ("true" counts deployment
+ * managers as cluster members), "waitTime" (seconds a long poll may wait at the publisher;
+ * 300). True when the name is known; numbers that are not numbers are refused. */
+KYR_EXPORT Boolean kyrConnectorGroupSetProperty(KyrConnectorGroup* cg, const char* name,
+                                                const char* value);
+/* The REST path; the query naming the group and this web server is added to it. */
+KYR_EXPORT void kyrConnectorGroupSetURI(KyrConnectorGroup* cg, const char* uri);
+/* Replaces the interest specification the group sends (NULL: the library's own). */
+KYR_EXPORT void kyrConnectorGroupSetInterestSpec(KyrConnectorGroup* cg, const char* spec);
+KYR_EXPORT const char* kyrConnectorGroupGetInterestSpec(KyrConnectorGroup* cg);
+KYR_EXPORT Boolean kyrConnectorGroupGetEnableAdminTraffic(KyrConnectorGroup* cg);
 /* Under the control lock: kyrConnectorGroupStart refuses (-1) unless STOPPED or FAILED. */
 KYR_EXPORT int kyrConnectorGroupStart(KyrConnectorGroup* cg);
 KYR_EXPORT int kyrConnectorGroupStop(KyrConnectorGroup* cg);

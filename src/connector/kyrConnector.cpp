@@ -29,11 +29,6 @@ void connectorFree(KyrConnector* c) {
   kyrConnectorGroupReleaseRef(cg, "kyrConnectorDelete");
 }
 
-void appendRoute(json_t** routes, const char* route) {
-  if (*routes == nullptr) *routes = json_array();
-  json_array_append_new(*routes, json_string(route));
-}
-
 }  // namespace
 
 KyrConnector* kyrConnectorCreate2(KyrConnectorGroup* cg, const char* url) {
@@ -76,15 +71,8 @@ void kyrConnectorSetJSON(KyrConnector* c, json_t* json) {
 
 void kyrConnectorSetProcessingJSON(KyrConnector* c, bool processing) {
   c->processingJSON = processing;
-}
-
-void kyrConnectorPostRoutingChange(KyrConnector* c, const char* route, bool add) {
-  {
-    KyrLockGuard guard(c->routesLock, "kyrConnectorPostRoutingChange");
-    appendRoute(add ? &c->addRoutes : &c->delRoutes, route);
-  }
-  trDebug(c->cg->trCtx, c->cg->debugCtl, "kyrConnectorPostRoutingChange: %s %s for %s\n",
-          add ? "add" : "del", route, c->URL);
+  // Routes that changed while the document was applied go out now, in one request.
+  if (!processing) kyrConnectorFlushRoutingChanges(c);
 }
 
 void kyrConnectorObtainRef(KyrConnector* c, const char* reason) {
@@ -114,7 +102,7 @@ void kyrConnectorGroupRemoveConnector(KyrConnectorGroup* cg, KyrConnector* c) {
   if (kyrListFindAndRemove(cg->connectorList, c) == nullptr) return;
   c->listEle = nullptr;
   if (cg->curConnector == c) cg->curConnector = nullptr;
-  kyrConnectorSetState(c, STOPPED, "removed");
+  kyrConnectorStop(c);
   kyrConnectorReleaseRef(c, "kyrConnectorGroupRemoveConnector");
 }
 
@@ -187,7 +175,13 @@ KyrComponentState kyrConnectorGetState(KyrConnector* connector) {
 void kyrConnectorDelete(KyrConnector* connector) {
   if (connector == nullptr) return;
   ControlLockGuard guard("kyrConnectorDelete");
-  kyrConnectorGroupRemoveConnector(connector->cg, connector);
+  KyrConnectorGroup* cg = connector->cg;
+  bool wasInUse = cg->curConnector == connector;
+  kyrConnectorGroupRemoveConnector(cg, connector);
+  // The group polled through this connector: it goes on with the next one.
+  if (wasInUse && (cg->state == STARTING || cg->state == STARTED)) {
+    kyrConnectorGroupRunWork(cg, true);
+  }
 }
 
 }  // extern "C"

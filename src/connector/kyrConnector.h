@@ -13,6 +13,10 @@
 #include "runtime/kyrLock.h"
 #include "runtime/kyrProperties.h"
 
+namespace kyr {
+struct KyrRestRequest;
+}
+
 struct KyrConnector {
   // Holders: the group's connector list (dropped by kyrConnectorDelete) and each REST request
   // in flight. Atomic because request threads release without a common lock.
@@ -34,6 +38,7 @@ struct KyrConnector {
   // while the thread applying routing data posts under another version's selector lock.
   kyr::KyrLock* routesLock;
   int failures;
+  // The requests sent and not yet answered; under the control lock.
   kyr::KyrList* outstandingRestRequestList;
   kyr::KyrListEle* listEle;  // this connector's element in the group's list
 };
@@ -50,6 +55,19 @@ void kyrConnectorSetProcessingJSON(KyrConnector* c, bool processing);
 // publisher by the connector's REST requests.
 void kyrConnectorPostRoutingChange(KyrConnector* c, const char* route, bool add);
 void kyrConnectorObtainRef(KyrConnector* c, const char* reason);
+// The connector's side of REST requests; each expects the caller to hold the control lock.
+// Sends through the connector's client; the request takes a reference on the connector (kept
+// when it is sent again) and waits in the outstanding list for its answer. 0, or -1 when the
+// transport refused it.
+int kyrConnectorRequestSend(KyrConnector* c, KyrRestRequest* req);
+// False, with the reason written, for no answer or an error status.
+bool kyrConnectorValidateResponse(KyrConnector* c, KyrHttpResponse* response, KyrRestRequest* req);
+// Cancels what is in flight, closes the client and leaves the connector STOPPED.
+void kyrConnectorStop(KyrConnector* c);
+void kyrConnectorCloseClient(KyrConnector* c);
+// Posts the queued route changes in one request once nothing holds them back: no document of
+// this connector is being applied and the connector talks to its publisher.
+void kyrConnectorFlushRoutingChanges(KyrConnector* c);
 void kyrConnectorReleaseRef(KyrConnector* c, const char* reason);
 
 KyrConnector* kyrConnectorGroupFindConnector(KyrConnectorGroup* cg, const char* url);

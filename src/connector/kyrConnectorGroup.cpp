@@ -2,9 +2,11 @@
 // trace, the host and the handle, start and stop transitions, and the REST path.
 #include "connector/kyrConnectorGroup.h"
 
+#include <climits>
 #include <cstdlib>
 
 #include "connector/kyrConnector.h"
+#include "connector/kyrInterestSpec.h"
 #include "core/kyr.h"
 #include "runtime/kyrLibUtil.h"
 #include "runtime/kyrStringBuffer.h"
@@ -29,8 +31,49 @@ void connectorGroupFree(KyrConnectorGroup* cg) {
   kyrReleaseRef(kyr, "kyrConnectorGroupDelete");
 }
 
-// Group properties arrive with the connector module; until then no name is known.
-const char* noGroupProperty(void*, const char*, const char*) { return nullptr; }
+// Parses a whole decimal number of seconds or counts; false for anything else.
+bool parseCount(const char* value, int* out) {
+  if (value == nullptr || *value == '\0') return false;
+  char* end = nullptr;
+  long number = strtol(value, &end, 10);
+  if (*end != '\0' || number < 0 || number > INT_MAX / 1000) return false;
+  *out = static_cast<int>(number);
+  return true;
+}
+
+void setEnableAdminTraffic(KyrConnectorGroup* cg, bool enable) {
+  if (cg->enableAdminTraffic == static_cast<Boolean>(enable)) return;
+  cg->enableAdminTraffic = enable;
+  // The library's own specification names the server types it routes to: build it again.
+  if (!cg->interestSpecFromHost) {
+    kyrFree(cg->interestSpec);
+    cg->interestSpec = nullptr;
+  }
+}
+
+// The property set's setter: applies a known property and names its key. Runs under the
+// control lock (kyrConnectorGroupSetProperty takes it).
+const char* applyGroupProperty(void* owner, const char* name, const char* value) {
+  auto* cg = static_cast<KyrConnectorGroup*>(owner);
+  static const char* const kNames[] = {
+      "maxRetries", "retryInterval", "uri", "maxWaitOffset", "enableRoutingToAdminConsole",
+      "waitTime"};
+  int* counts[] = {&cg->maxRetries, &cg->maxRetryInterval, nullptr, &cg->maxWaitOffset,
+                   nullptr,         &cg->waitTime};
+  for (size_t i = 0; i < sizeof kNames / sizeof kNames[0]; ++i) {
+    if (kyrStrCmpIgnoreCase(name, kNames[i]) != 0) continue;
+    if (counts[i] != nullptr) return parseCount(value, counts[i]) ? kNames[i] : nullptr;
+    if (value == nullptr) return nullptr;
+    if (i == 2) {
+      kyrReplaceCountedStr(&cg->uri, value);
+      kyrConnectorGroupUpdateRestURI(cg);
+    } else {
+      setEnableAdminTraffic(cg, kyrStrCmpIgnoreCase(value, "true") == 0);
+    }
+    return kNames[i];
+  }
+  return nullptr;
+}
 
 }  // namespace
 
@@ -78,6 +121,11 @@ void kyrConnectorGroupSetState(KyrConnectorGroup* cg, KyrComponentState state, c
   kyrCheckState(cg->kyr);
 }
 
+const char* kyrConnectorGroupGetInterestSpec2(KyrConnectorGroup* cg) {
+  if (cg->interestSpec == nullptr) cg->interestSpec = kyrGetInterestSpec(cg);
+  return cg->interestSpec;
+}
+
 int kyrConnectorGroupStart2(KyrConnectorGroup* cg) {
   kyrControlLockAssertHeld();
   if (cg->state != STOPPED && cg->state != FAILED) {
@@ -85,7 +133,10 @@ int kyrConnectorGroupStart2(KyrConnectorGroup* cg) {
             cg->name, kyrState2String(cg->state));
     return -1;
   }
+  cg->consecutiveFailures = 0;
   kyrConnectorGroupSetState(cg, STARTING, "starting");
+  // The state change may have told the host, which may have stopped the group again.
+  if (cg->state == STARTING) kyrConnectorGroupRun(cg);
   return 0;
 }
 
@@ -93,6 +144,12 @@ int kyrConnectorGroupStop2(KyrConnectorGroup* cg) {
   kyrControlLockAssertHeld();
   if (cg->state == STOPPED) return 0;
   kyrConnectorGroupSetState(cg, STOPPING, "stopping");
+  ++cg->runTicket;  // a queued run or a pending retry is for the run that ends here
+  for (KyrListEle* e = kyrListGetHead(cg->connectorList); e != nullptr; e = kyrListGetNext(e)) {
+    kyrConnectorStop(static_cast<KyrConnector*>(kyrListEleGetObject(e)));
+  }
+  cg->curConnector = nullptr;
+  cg->consecutiveFailures = 0;
   kyrConnectorGroupSetState(cg, STOPPED, "stopped");
   return 0;
 }
@@ -123,7 +180,7 @@ KyrConnectorGroup* kyrConnectorGroupCreate(Kyr* kyr, const char* name) {
   cg->initialized = false;
   cg->state = STOPPED;
   cg->waitTime = 300;
-  cg->props = kyrPropertiesCreate(noGroupProperty, cg);
+  cg->props = kyrPropertiesCreate(applyGroupProperty, cg);
   cg->connectorList = kyrListCreate(nullptr);
   cg->maxRetryInterval = 60;
   cg->maxRetries = 10;
@@ -162,6 +219,37 @@ int kyrConnectorGroupStop(KyrConnectorGroup* cg) {
   if (cg == nullptr) return -1;
   ControlLockGuard guard("kyrConnectorGroupStop");
   return kyrConnectorGroupStop2(cg);
+}
+
+Boolean kyrConnectorGroupSetProperty(KyrConnectorGroup* cg, const char* name, const char* value) {
+  if (cg == nullptr || name == nullptr) return false;
+  ControlLockGuard guard("kyrConnectorGroupSetProperty");
+  return kyrPropertySet(cg->props, name, value, true) >= 0;
+}
+
+void kyrConnectorGroupSetURI(KyrConnectorGroup* cg, const char* uri) {
+  if (cg == nullptr || uri == nullptr) return;
+  ControlLockGuard guard("kyrConnectorGroupSetURI");
+  kyrReplaceCountedStr(&cg->uri, uri);
+  kyrConnectorGroupUpdateRestURI(cg);
+}
+
+void kyrConnectorGroupSetInterestSpec(KyrConnectorGroup* cg, const char* spec) {
+  if (cg == nullptr) return;
+  ControlLockGuard guard("kyrConnectorGroupSetInterestSpec");
+  kyrFree(cg->interestSpec);
+  cg->interestSpec = spec != nullptr ? kyrStrdup(spec) : nullptr;
+  cg->interestSpecFromHost = spec != nullptr;
+}
+
+const char* kyrConnectorGroupGetInterestSpec(KyrConnectorGroup* cg) {
+  if (cg == nullptr) return nullptr;
+  ControlLockGuard guard("kyrConnectorGroupGetInterestSpec");
+  return kyrConnectorGroupGetInterestSpec2(cg);
+}
+
+Boolean kyrConnectorGroupGetEnableAdminTraffic(KyrConnectorGroup* cg) {
+  return cg != nullptr ? cg->enableAdminTraffic : false;
 }
 
 void kyrConnectorGroupDelete(KyrConnectorGroup* cg) {

@@ -37,6 +37,10 @@ struct KyrConnectorGroup {
   TrRecord* noConnectorERR;
   TrRecord* jsonSentRec;
   TrRecord* connectorStateChangeRec;
+  // Counts starts, stops and retries, so that a queued run or an alarm made for an earlier one
+  // knows it is stale. Under the control lock.
+  int runTicket;
+  bool interestSpecFromHost;  // else interestSpec is the library's own, built when first asked
 };
 
 namespace kyr {
@@ -45,12 +49,23 @@ namespace kyr {
 int kyrConnectorGroupStart2(KyrConnectorGroup* cg);
 int kyrConnectorGroupStop2(KyrConnectorGroup* cg);
 void kyrConnectorGroupSetState(KyrConnectorGroup* cg, KyrComponentState state, const char* reason);
+// Queues the run loop on the handle's worker thread.
+void kyrConnectorGroupRun(KyrConnectorGroup* cg);
+// The run loop: tries the connectors in turn until one takes the initial request; after a full
+// round of failures the group is FAILED and an alarm runs it again.
+void kyrConnectorGroupRunWork(KyrConnectorGroup* cg, bool obtainRef);
+// The alarm's function; its argument is what the loop gave the alarm.
+void kyrConnectorGroupRunByAlarm(void* arg);
+// The connector after the current one, or the first; it becomes the current one.
+KyrConnector* kyrConnectorGroupGetNextConnectorToTry(KyrConnectorGroup* cg);
 // Unlinks the group from its handle's list and drops the list's reference.
 void kyrConnectorGroupDelete2(void* cg);
 
 void kyrConnectorGroupObtainRef(KyrConnectorGroup* cg, const char* reason);
 void kyrConnectorGroupReleaseRef(KyrConnectorGroup* cg, const char* reason);
 void kyrAddConnectorGroup(Kyr* kyr, KyrConnectorGroup* cg);
+// The specification the initial request carries: the host's, or the library's own.
+const char* kyrConnectorGroupGetInterestSpec2(KyrConnectorGroup* cg);
 // Rebuilds restURI from uri, the group's name and the handle's server name.
 void kyrConnectorGroupUpdateRestURI(KyrConnectorGroup* cg);
 

@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 
 #include "runtime/kyrLibUtil.h"
 #include "runtime/kyrList.h"
@@ -163,7 +164,11 @@ KyrHttpResponse* readSizedBody(InputStream* in, int code, size_t length) {
 }
 
 bool connectClient(KyrHttpClient* client) {
-  client->fd = socket(AF_INET, SOCK_STREAM, 0);
+  {
+    std::lock_guard<std::mutex> guard(client->fdLock);
+    if (client->aborted) return false;
+    client->fd = socket(AF_INET, SOCK_STREAM, 0);
+  }
   if (client->fd < 0) {
     printf("socket create failed: %d\n", errno);
     return false;
@@ -175,7 +180,14 @@ bool connectClient(KyrHttpClient* client) {
     kyrHttpClientClose(client);
     return false;
   }
-  return true;
+  // An abort that came before the connection existed could not shut it down: look again.
+  bool aborted;
+  {
+    std::lock_guard<std::mutex> guard(client->fdLock);
+    aborted = client->aborted;
+  }
+  if (aborted) kyrHttpClientClose(client);
+  return !aborted;
 }
 
 void applyTimeout(KyrHttpClient* client, int timeoutInSecs) {
@@ -278,7 +290,7 @@ KyrHttpClient* kyrHttpClientCreate(const char* urlArg) {
     kyrUrlDelete(url);
     return nullptr;
   }
-  auto* client = static_cast<KyrHttpClient*>(kyrMalloc(sizeof(KyrHttpClient)));
+  auto* client = kyrNew<KyrHttpClient>();
   client->host = kyrStrdup(kyrUrlGetHost(url));
   client->dst.sin_family = AF_INET;
   client->dst.sin_port = htons(static_cast<uint16_t>(kyrUrlGetPort(url)));
@@ -286,6 +298,15 @@ KyrHttpClient* kyrHttpClientCreate(const char* urlArg) {
   client->fd = -1;
   client->timeoutInSecs = -1;
   kyrUrlDelete(url);
+  return client;
+}
+
+KyrHttpClient* kyrHttpClientCreateLike(const KyrHttpClient* other) {
+  auto* client = kyrNew<KyrHttpClient>();
+  client->host = kyrStrdup(other->host);
+  client->dst = other->dst;
+  client->fd = -1;
+  client->timeoutInSecs = -1;
   return client;
 }
 
@@ -304,15 +325,24 @@ KyrHttpResponse* kyrHttpClientGetResponse(KyrHttpClient* client, const char* met
 void kyrHttpClientFreeResponse(KyrHttpResponse* response) { kyrFree(response); }
 
 void kyrHttpClientClose(KyrHttpClient* client) {
+  std::lock_guard<std::mutex> guard(client->fdLock);
   if (client->fd >= 0) close(client->fd);
   client->fd = -1;
+}
+
+void kyrHttpClientAbort(KyrHttpClient* client) {
+  std::lock_guard<std::mutex> guard(client->fdLock);
+  client->aborted = true;
+  // Shutting down (not closing) wakes the thread blocked on the descriptor, which still owns
+  // it and closes it itself.
+  if (client->fd >= 0) shutdown(client->fd, SHUT_RDWR);
 }
 
 void kyrHttpClientDelete(KyrHttpClient* client) {
   if (client == nullptr) return;
   kyrHttpClientClose(client);
   kyrFree(client->host);
-  kyrFree(client);
+  kyrDelete(client);
 }
 
 }  // namespace kyr

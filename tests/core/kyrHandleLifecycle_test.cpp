@@ -124,7 +124,8 @@ void printAndNoticeWaiting(TrContext* context, va_list args) {
 }
 
 TEST_F(HandleLifecycle, WaitLetsGoOfTheControlLockSoThatGroupsCanReport) {
-  KyrConnectorGroup* cg = kyrConnectorGroupCreate(kyr_, "slow");
+  SilentPublisher publisher;
+  KyrConnectorGroup* cg = heldGroup(kyr_, "slow", publisher);
   std::promise<void> firstWait;
   waiting = &firstWait;
   trMgrSetPrintf(kyr_->trMgr, printAndNoticeWaiting);

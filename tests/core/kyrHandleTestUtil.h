@@ -12,6 +12,7 @@
 #include "support/hostEndpoints.h"
 #include "support/kyrTestHost.h"
 #include "support/memCount.h"
+#include "support/publisherStub.h"
 #include "support/traceCapture.h"
 
 namespace kyrtest {
@@ -37,6 +38,14 @@ inline ::testing::AssertionResult printedOnce(const std::string& text) {
 }
 
 // What a connector group's thread does when it has news: report under the control lock.
+// A group whose initial request stays in flight at a publisher that never answers, so that only
+// the test's reports move its state.
+inline KyrConnectorGroup* heldGroup(Kyr* kyr, const char* name, const SilentPublisher& publisher) {
+  KyrConnectorGroup* cg = kyrConnectorGroupCreate(kyr, name);
+  kyrConnectorCreate(cg, publisher.url().c_str());
+  return cg;
+}
+
 inline void reportGroupState(KyrConnectorGroup* cg, KyrComponentState state) {
   kyr::ControlLockGuard guard("test group report");
   kyr::kyrConnectorGroupSetState(cg, state, "test report");
