@@ -1,14 +1,19 @@
 #!/bin/sh
 # kyrroute run as a process on the example cell: each case checks the exit status and what the
-# tool printed. Usage: kyrroute_cases.sh KYRROUTE SOURCE_DIR CASE
+# tool printed. The publisher cases learn the cell from a scripted publisher on 127.0.0.1
+# (stub_publisher.py), which serves the cell and then examples/cell/maintenance-delta.json.
+# Usage: kyrroute_cases.sh KYRROUTE SOURCE_DIR CASE
 set -u
 tool=$1
 src=$2
 case_name=$3
 cell="$src/examples/cell/cell.json"
+delta="$src/examples/cell/maintenance-delta.json"
 requests="$src/examples/cell/requests.txt"
-out=$(mktemp)
-trap 'rm -f "$out"' EXIT
+dir=$(mktemp -d)
+out="$dir/out"
+stub=""
+trap '[ -n "$stub" ] && kill "$stub" 2>/dev/null; rm -rf "$dir"' EXIT
 
 # expect STATUS PATTERN -- COMMAND...: runs the command, checks status and output (grep -E).
 expect() {
@@ -33,6 +38,65 @@ expect() {
     cat "$out"
     exit 1
   fi
+}
+
+fail() {
+  echo "FAIL: $*"
+  for f in "$dir"/*; do
+    echo "--- $(basename "$f")"
+    cat "$f"
+  done
+  exit 1
+}
+
+# start_publisher [REST_PATH]: the scripted publisher in the background; sets publisher to its
+# URL.
+start_publisher() {
+  python3 --version >/dev/null 2>&1 || fail "the publisher cases need python3"
+  python3 "$src/tests/tools/stub_publisher.py" "$cell" "$delta" 20 "${1:-/brisvane}" \
+    >"$dir/port" 2>"$dir/publisher.log" &
+  stub=$!
+  wait_for_port
+}
+
+wait_for_port() {
+  n=0
+  while [ ! -s "$dir/port" ] && [ $n -lt 100 ]; do
+    sleep 0.1
+    n=$((n + 1))
+  done
+  [ -s "$dir/port" ] || fail "the publisher did not start"
+  publisher="http://127.0.0.1:$(head -n 1 "$dir/port")"
+}
+
+# A publisher that takes connections and never answers; sets publisher to its URL.
+start_silent_publisher() {
+  python3 -c 'import socket, time
+s = socket.socket()
+s.bind(("127.0.0.1", 0))
+s.listen(8)
+print(s.getsockname()[1], flush=True)
+time.sleep(20)' >"$dir/port" &
+  stub=$!
+  wait_for_port
+}
+
+# A port on 127.0.0.1 nobody listens on: bound and released again.
+closed_port() {
+  python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
+}
+
+# Requests whose decisions depend neither on chance (the shop sends a share of requests to its
+# edition 2.0 at random) nor on the delta (affinity maintenance keeps sessions): affinity by
+# cookie and by path, a redirect, a rule's reject, no mapping.
+fixed_requests() {
+  cat >"$dir/requests" <<EOF
+GET https://shop.example.com/bank/account | Cookie: JSESSIONID=0001abc:c3
+GET http://shop.example.com/bank/account;jsessionid=0001abc:c2
+GET https://shop.example.com/shop/old/index.html
+GET https://shop.example.com/bank/account?maintenance=yes
+GET https://shop.example.com/nowhere
+EOF
 }
 
 ws="--server-name shop_n1_webserver1"
@@ -83,6 +147,91 @@ case "$case_name" in
     expect 2 "^kyrroute: URL 'shop.example.com' has no scheme" -- "$tool" route --doc "$cell" GET shop.example.com
     expect 2 "^kyrroute: .*requests.txt:2: request line" -- "$tool" route --doc "$cell" --requests "$src/tests/data/bad-requests.txt"
     expect 2 "^kyrroute: .*subcommand" -- "$tool" ;;
+  publisher_route)
+    # The same cell from a publisher gives the same decisions as from the file.
+    start_publisher
+    fixed_requests
+    "$tool" $ws route --doc "$cell" --requests "$dir/requests" >"$dir/from-file" 2>&1 ||
+      fail "route --doc failed"
+    "$tool" $ws route --publisher "$publisher" --requests "$dir/requests" >"$dir/from-publisher" 2>&1 ||
+      fail "route --publisher failed"
+    # Only the decisions: the library's HTTP client may add a line of its own while stopping.
+    [ "$(grep -c '^  decision' "$dir/from-file")" -eq 5 ] || fail "not every request decided"
+    grep -E '^(GET|  )' "$dir/from-publisher" | cmp -s "$dir/from-file" - || fail "the decisions differ"
+    expect 0 '"currentConnector": "'"$publisher"'"' -- "$tool" $ws state --publisher "$publisher" ;;
+  publisher_group)
+    # The group's name and settings reach the publisher: its REST path and the name it is sent.
+    start_publisher /elsewhere
+    expect 2 "^kyrroute: every publisher failed: $publisher\$" -- timeout 30 "$tool" $ws route \
+      --publisher "$publisher" GET https://shop.example.com/nowhere
+    expect 0 "reject 404" -- timeout 30 "$tool" $ws route --publisher "$publisher" \
+      --group shopfront --group-property uri=/elsewhere GET https://shop.example.com/nowhere
+    grep -q '"POST /elsewhere?name=shopfront&server=shop_n1_webserver1 ' "$dir/publisher.log" ||
+      fail "the publisher was not asked as the group shopfront"
+    expect 2 "^kyrroute: the connector group refuses the property 'colour=blue'\$" -- \
+      "$tool" route --publisher "$publisher" --group-property colour=blue GET https://shop.example.com/
+    expect 2 "^kyrroute: group property 'waitTime' is not NAME=VALUE\$" -- \
+      "$tool" route --publisher "$publisher" --group-property waitTime GET https://shop.example.com/ ;;
+  publisher_failover)
+    # Publishers are tried in order: the first refuses, the second delivers.
+    start_publisher
+    expect 0 "server    /cell/shop/node/n2/server/s3 \(clone c3\)" -- timeout 30 "$tool" $ws route \
+      --publisher "http://127.0.0.1:$(closed_port)" --publisher "$publisher" \
+      GET https://shop.example.com/shop/catalog -H "Cookie: JSESSIONID=0001abc:c3" ;;
+  publisher_silent)
+    # No answer: the wait ends at --timeout, and stopping does not wait for the request.
+    start_silent_publisher
+    expect 2 "^kyrroute: no publisher delivered the routing data within 1 s: $publisher\$" -- \
+      timeout 30 "$tool" $ws state --publisher "$publisher" --timeout 1
+    expect 2 "^kyrroute: no document from the publishers within 1 s: $publisher\$" -- \
+      timeout 30 "$tool" $ws watch --publisher "$publisher" --timeout 1 ;;
+  publisher_refused)
+    # Every publisher failed: one line naming them, exit 2, well before the time-out kills it.
+    refused="http://127.0.0.1:$(closed_port)"
+    expect 2 "^kyrroute: every publisher failed: $refused\$" -- timeout 30 "$tool" $ws route \
+      --publisher "$refused" --timeout 5 GET https://shop.example.com/shop/catalog
+    expect 2 "^kyrroute: .*publisher 'shop.example.com' is not an http://HOST:PORT URL" -- \
+      "$tool" route --publisher shop.example.com GET https://shop.example.com/
+    expect 2 "^kyrroute: --doc excludes --publisher" -- \
+      "$tool" route --doc "$cell" --publisher http://127.0.0.1:1 GET https://shop.example.com/ ;;
+  watch)
+    # The complete document first, then the delta, each once; watch ends by itself after two.
+    start_publisher
+    expect 0 "^document complete version 1: [0-9]{2,} added, 0 deleted, 0 set, from $publisher\$" -- \
+      timeout 30 "$tool" $ws watch --publisher "$publisher" --count 2
+    [ "$(grep '^document' "$out" | sed 's/:.*//' | tr '\n' ,)" = \
+      "document complete version 1,document delta version 2," ] || fail "documents out of order"
+    grep -q "^document delta version 2: 0 added, 0 deleted, 1 set, from $publisher\$" "$out" ||
+      fail "the delta's line is wrong"
+    grep -q "^state STARTED (all connector groups are started)\$" "$out" || fail "no state line" ;;
+  watch_json)
+    start_publisher
+    expect 0 '^\{"document":"delta","version":2,"added":0,"deleted":0,"set":1,"publisher":"'"$publisher"'"\}$' -- \
+      timeout 30 "$tool" $ws watch --publisher "$publisher" --count 2 --json ;;
+  watch_signal)
+    # SIGTERM while the long poll waits at the publisher: watch stops and exits 0 at once.
+    start_publisher
+    : >"$out"
+    "$tool" $ws watch --publisher "$publisher" >"$out" 2>&1 &
+    watcher=$!
+    n=0
+    while ! grep -q "^document delta" "$out" && [ $n -lt 100 ]; do
+      sleep 0.1
+      n=$((n + 1))
+    done
+    kill -TERM $watcher
+    n=0
+    while kill -0 $watcher 2>/dev/null && [ $n -lt 100 ]; do
+      sleep 0.1
+      n=$((n + 1))
+    done
+    if kill -0 $watcher 2>/dev/null; then
+      kill -KILL $watcher
+      fail "watch did not end on SIGTERM"
+    fi
+    wait $watcher || fail "watch ended with status $? on SIGTERM"
+    # The answers to route changes carry no document and get no line.
+    [ "$(grep -c '^document' "$out")" -eq 2 ] || fail "watch printed other documents" ;;
   *)
     echo "unknown case $case_name"
     exit 1 ;;

@@ -3,13 +3,16 @@
 // keeps the lines that describe a problem, once each (the reader passes over a delta twice).
 #include "library.h"
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 #include "host.h"
 
@@ -17,6 +20,10 @@ namespace kyrroute {
 namespace {
 
 Library* g_current = nullptr;  // the trace callback carries no user data; one handle at a time
+// The thread applying a file's document, the one whose trace lines are diagnostics. The
+// library's own threads trace too (connectors, requests, also after kyrDestroy returned): they
+// read only this, never the handle's fields, which belong to the loading thread.
+std::atomic<std::thread::id> g_loadingThread;
 
 // Beginnings of the reader's lines that report a problem.
 const char* const kProblems[] = {"object with no type",
@@ -60,25 +67,35 @@ std::string withCaret(const std::string& text) {
   return text + "\n      " + expression + "\n      " + std::string(position, ' ') + "^";
 }
 
+std::string joined(const std::vector<std::string>& urls) {
+  std::string text;
+  for (const std::string& url : urls) text += (text.empty() ? "" : ", ") + url;
+  return text;
+}
+
 }  // namespace
 
-Library::Library(const std::string& catalogue, const std::string& serverName)
+Library::Library(const std::string& catalogue, const std::string& serverName,
+                 const std::function<void(EnvCallBacks&)>& adjust)
     : env_(hostCallbacks(capture)) {
   g_current = this;
+  if (adjust) adjust(env_);
   kyr_ = kyrCreate(&env_, nullptr, catalogue.c_str());
   if (kyr_ == nullptr) return;
   kyrSetServerName(kyr_, serverName.c_str());
   kyrSetDefaultTraceSpec(kyr_, ":NOTICE,control.process:DEBUG,control.error:DEBUG");
-  connector_ = kyrConnectorCreate(kyrConnectorGroupCreate(kyr_, "kyrroute"), "file:");
 }
 
 Library::~Library() {
-  if (kyr_ != nullptr) kyrDestroy(kyr_);
+  if (kyr_ != nullptr) {
+    if (started_) kyrStop(kyr_);
+    kyrDestroy(kyr_);
+  }
   g_current = nullptr;
 }
 
 void Library::capture(TrContext* context, va_list args) {
-  if (g_current == nullptr || g_current->loading_.empty()) return;
+  if (g_loadingThread.load() != std::this_thread::get_id()) return;
   const char* format = trContextGetFormat(context);
   if (format == nullptr) return;
   char buffer[4096];
@@ -104,11 +121,18 @@ bool Library::load(const std::string& path, std::string& error) {
   }
   std::stringstream text;
   text << in.rdbuf();
+  // Files are applied as one publisher's documents; this group is never started, so it exists
+  // only for handles that load files.
+  if (connector_ == nullptr) {
+    connector_ = kyrConnectorCreate(kyrConnectorGroupCreate(kyr_, "kyrroute"), "file:");
+  }
   loading_ = path;
+  g_loadingThread = std::this_thread::get_id();
   size_t before = diagnostics_.size();
   kyrControlLock("kyrroute");
   int64_t version = kyrHandleJsonFromRestService(text.str().c_str(), connector_);
   kyrControlUnlock();
+  g_loadingThread = std::thread::id();
   loading_.clear();
   if (version == -1 && diagnostics_.size() > before &&
       diagnostics_.back().text.rfind("Invalid JSON", 0) == 0) {
@@ -116,6 +140,50 @@ bool Library::load(const std::string& path, std::string& error) {
     return false;
   }
   return true;
+}
+
+bool Library::startPublishers(const Publishers& publishers, std::string& error) {
+  KyrConnectorGroup* group = kyrConnectorGroupCreate(kyr_, publishers.group.c_str());
+  for (const std::string& property : publishers.properties) {
+    size_t equals = property.find('=');
+    if (equals == std::string::npos || equals == 0) {
+      error = "group property '" + property + "' is not NAME=VALUE";
+      return false;
+    }
+    std::string name = property.substr(0, equals);
+    if (!kyrConnectorGroupSetProperty(group, name.c_str(), property.c_str() + equals + 1)) {
+      error = "the connector group refuses the property '" + property + "'";
+      return false;
+    }
+  }
+  for (const std::string& url : publishers.urls) kyrConnectorCreate(group, url.c_str());
+  if (kyrStart(kyr_, -1) != 0) {
+    error = "the library could not be started";
+    return false;
+  }
+  started_ = true;
+  return true;
+}
+
+bool Library::learnFrom(const Publishers& publishers, int timeoutSecs, std::string& error) {
+  if (!startPublishers(publishers, error)) return false;
+  // The handle is STARTED once a publisher answered the initial request with a complete
+  // document, which the library has applied by then.
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSecs);
+  for (;;) {
+    KyrComponentState now = state();
+    if (now == STARTED) return true;
+    if (now == FAILED) {
+      error = "every publisher failed: " + joined(publishers.urls);
+      return false;
+    }
+    if (timeoutSecs > 0 && std::chrono::steady_clock::now() >= deadline) {
+      error = "no publisher delivered the routing data within " + std::to_string(timeoutSecs) +
+              " s: " + joined(publishers.urls);
+      return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
 }
 
 Decision Library::route(const Request& request, const HeaderList& response) {

@@ -1,7 +1,9 @@
 // One library handle as kyrroute uses it: routing documents loaded from files as a publisher
-// would deliver them, the reader's diagnostics collected, and requests routed one at a time.
+// would deliver them, or learnt from publishers through a connector group, the reader's
+// diagnostics collected, and requests routed one at a time.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -34,11 +36,20 @@ struct Decision {
   HeaderList cookiesSet;  // response cookies it set on the simulated response
 };
 
+// The publishers the routing data is learnt from, as one connector group.
+struct Publishers {
+  std::vector<std::string> urls;  // tried in this order
+  std::string group = "kyrroute";
+  std::vector<std::string> properties;  // "NAME=VALUE" settings of the group
+};
+
 class Library {
  public:
   // The handle reads the trace catalogue at `catalogue`; `serverName` is this web server's
-  // name in the cell ("cell_node_server"), which decides what applies to it alone.
-  Library(const std::string& catalogue, const std::string& serverName);
+  // name in the cell ("cell_node_server"), which decides what applies to it alone. `adjust`
+  // may change the host's callback table before the handle is created from it.
+  Library(const std::string& catalogue, const std::string& serverName,
+          const std::function<void(EnvCallBacks&)>& adjust = {});
   ~Library();
   Library(const Library&) = delete;
   Library& operator=(const Library&) = delete;
@@ -46,6 +57,13 @@ class Library {
   bool ok() const { return kyr_ != nullptr; }
   // Applies the file's document; false with `error` set when it cannot be read or parsed.
   bool load(const std::string& path, std::string& error);
+  // Creates the connector group with one connector per publisher and starts the handle without
+  // waiting; false with `error` set when the group refuses one of its settings.
+  bool startPublishers(const Publishers& publishers, std::string& error);
+  // startPublishers, then waits until a publisher delivered a complete document; false with
+  // `error` set when every publisher failed or none did within `timeoutSecs` (0: no limit).
+  bool learnFrom(const Publishers& publishers, int timeoutSecs, std::string& error);
+  KyrComponentState state() const { return kyrGetState(kyr_); }
   const std::vector<Diagnostic>& diagnostics() const { return diagnostics_; }
   // Routes the request through the whole life of a request context; `response` are the headers
   // of the simulated response.
@@ -57,7 +75,8 @@ class Library {
 
   EnvCallBacks env_;
   Kyr* kyr_ = nullptr;
-  KyrConnector* connector_ = nullptr;
+  KyrConnector* connector_ = nullptr;  // the documents loaded from files come through it
+  bool started_ = false;
   std::string loading_;  // the file being applied, for diagnostics
   std::vector<Diagnostic> diagnostics_;
 };

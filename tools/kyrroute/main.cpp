@@ -1,6 +1,7 @@
-// kyrroute: a command-line host of kyrlib. It loads routing documents as a publisher would
-// deliver them and shows what the library decides for requests (route), what it knows (state)
-// and what it found wrong in the documents (validate).
+// kyrroute: a command-line host of kyrlib. It loads routing documents from files as a publisher
+// would deliver them, or learns them from publishers, and shows what the library decides for
+// requests (route), what it knows (state), what it found wrong in the documents (validate) and
+// every document a publisher's stream brings (watch).
 #include <CLI/CLI.hpp>
 #include <fstream>
 #include <iostream>
@@ -11,6 +12,7 @@
 #include "library.h"
 #include "report.h"
 #include "request.h"
+#include "watch.h"
 
 namespace {
 
@@ -22,6 +24,9 @@ struct Options {
   bool json = false;
   std::string doc;
   std::vector<std::string> deltas;
+  kyrroute::Publishers publishers;
+  int timeoutSecs = 10;
+  int count = 0;  // watch
   // route
   std::string method, url;
   std::vector<std::string> headers, response;
@@ -34,9 +39,14 @@ int fail(const std::string& message) {
   return 2;
 }
 
-// Loads the complete document and then the deltas; false after reporting the first failure.
+// Loads the complete document and then the deltas, or learns the routing data from the
+// publishers; false after reporting the first failure.
 bool loadAll(Library& library, const Options& o) {
   std::string error;
+  if (!o.publishers.urls.empty()) {
+    if (!library.learnFrom(o.publishers, o.timeoutSecs, error)) return fail(error), false;
+    return true;
+  }
   if (!library.load(o.doc, error)) return fail(error), false;
   for (const std::string& delta : o.deltas) {
     if (!library.load(delta, error)) return fail(error), false;
@@ -113,10 +123,50 @@ int validate(Library& library, const Options& o) {
   return readable && library.diagnostics().empty() ? 0 : 1;
 }
 
-void addDocumentOptions(CLI::App* command, Options& o) {
-  command->add_option("--doc", o.doc, "complete routing document (JSON) to load first")->required();
+std::string publisherURL(const std::string& url) {
+  if (url.rfind("http://", 0) == 0 || url.rfind("https://", 0) == 0) return "";
+  return "publisher '" + url + "' is not an http://HOST:PORT URL";
+}
+
+// --publisher and the options of the connector group it makes.
+CLI::Option* addPublisherOptions(CLI::App* command, Options& o) {
+  CLI::Option* publisher =
+      command
+          ->add_option("--publisher", o.publishers.urls,
+                       "publisher to learn the routing data from, http://HOST:PORT; repeatable, "
+                       "tried in order")
+          ->allow_extra_args(false)
+          ->check(publisherURL);
+  command
+      ->add_option("--group", o.publishers.group,
+                   "name of the connector group, as the publisher sees it (default kyrroute)")
+      ->needs(publisher);
+  command
+      ->add_option("--group-property", o.publishers.properties,
+                   "setting of the connector group, NAME=VALUE (waitTime, retryInterval, uri, "
+                   "maxRetries, maxWaitOffset, enableRoutingToAdminConsole); repeatable")
+      ->allow_extra_args(false)
+      ->needs(publisher);
+  command
+      ->add_option("--timeout", o.timeoutSecs,
+                   "seconds to wait for the first complete document (default 10; 0: no limit)")
+      ->check(CLI::NonNegativeNumber)
+      ->needs(publisher);
+  return publisher;
+}
+
+// The routing data comes from files (--doc, --delta) or from publishers (--publisher).
+void addSourceOptions(CLI::App* command, Options& o, bool publishers) {
+  CLI::Option* doc =
+      command->add_option("--doc", o.doc, "complete routing document (JSON) to load first");
   command->add_option("--delta", o.deltas, "delta document applied after it; repeatable")
-      ->allow_extra_args(false);
+      ->allow_extra_args(false)
+      ->needs(doc);
+  if (!publishers) {
+    doc->required();
+    return;
+  }
+  doc->excludes(addPublisherOptions(command, o));
 }
 
 }  // namespace
@@ -125,13 +175,15 @@ int main(int argc, char** argv) {
   Options o;
   CLI::App app{"kyrroute: load routing data into kyrlib and see where requests go"};
   app.require_subcommand(1);
+  // The common options may also follow the subcommand: "watch --publisher URL --json".
+  app.fallthrough();
   app.add_option("--catalogue", o.catalogue, "trace catalogue the library reads");
   app.add_option("--server-name", o.serverName,
                  "this web server's name in the cell, cell_node_server");
   app.add_flag("--json", o.json, "print JSON instead of text");
 
   CLI::App* routeCmd = app.add_subcommand("route", "route requests and show each decision");
-  addDocumentOptions(routeCmd, o);
+  addSourceOptions(routeCmd, o, true);
   routeCmd->add_option("method", o.method, "HTTP method, e.g. GET");
   routeCmd->add_option("url", o.url, "request URL, e.g. https://shop.example.com/shop/cart");
   routeCmd->add_option("-H,--header", o.headers, "request header 'Name: value'; repeatable")
@@ -146,10 +198,15 @@ int main(int argc, char** argv) {
       ->allow_extra_args(false);
 
   CLI::App* stateCmd = app.add_subcommand("state", "print the library's state report (JSON)");
-  addDocumentOptions(stateCmd, o);
+  addSourceOptions(stateCmd, o, true);
   CLI::App* validateCmd =
       app.add_subcommand("validate", "list every problem the reader finds in the documents");
-  addDocumentOptions(validateCmd, o);
+  addSourceOptions(validateCmd, o, false);
+  CLI::App* watchCmd = app.add_subcommand(
+      "watch", "print every document the publishers' stream brings, until SIGINT or SIGTERM");
+  addPublisherOptions(watchCmd, o)->required();
+  watchCmd->add_option("--count", o.count, "end after N documents (default 0: until interrupted)")
+      ->check(CLI::NonNegativeNumber);
 
   try {
     app.parse(argc, argv);
@@ -163,7 +220,18 @@ int main(int argc, char** argv) {
   if (routeCmd->parsed() && !o.method.empty() && o.url.empty()) {
     return fail("a request needs both METHOD and URL");
   }
+  if ((routeCmd->parsed() || stateCmd->parsed()) && o.doc.empty() && o.publishers.urls.empty()) {
+    return fail("no routing data: give --doc FILE or --publisher URL");
+  }
 
+  if (watchCmd->parsed()) {
+    kyrroute::blockStopSignals();
+    kyrroute::WatchOptions watchOptions{o.json, o.count, o.timeoutSecs};
+    Library library(o.catalogue, o.serverName,
+                    [&](EnvCallBacks& env) { kyrroute::watchCallbacks(env, watchOptions); });
+    if (!library.ok()) return fail("the library could not start (catalogue " + o.catalogue + ")");
+    return kyrroute::watch(library, o.publishers, watchOptions);
+  }
   Library library(o.catalogue, o.serverName);
   if (!library.ok()) return fail("the library could not start (catalogue " + o.catalogue + ")");
   if (routeCmd->parsed()) return route(library, o);
