@@ -16,6 +16,8 @@
 //      connector's route-change lock, trace locks.
 // Host callbacks that run while the library holds a lock, and so must not call back into it:
 //   - stateChange.kyr, stateChange.kyrConnectorGroup, stateChange.kyrConnector: the control lock;
+//   - http.connector.open, sendRequest and close, alarm and alarm_ex: the control lock (a
+//     transport answers on another thread, whose handler then waits for that lock);
 //   - the http.request getters (headers, cookies, path, query, client data): a rule set's lock
 //     while rules are matched, the selector lock while affinity reads the session;
 //   - http.request.setHeaderValue: the partition lock, for the partition-table version header
