@@ -239,7 +239,11 @@ KYR_EXPORT Kyr* kyrCreate(EnvCallBacks* env, FILE* fp, const char* path);
  * at once, 0 waits until the start completes, N > 0 waits at most N-1 seconds. */
 KYR_EXPORT int kyrStart(Kyr* kyr, int timeoutInSecs);
 KYR_EXPORT int kyrStop(Kyr* kyr);
-/* Stops the handle and drops the creator's reference; memory goes with the last reference. */
+/* Stops the handle and drops the creator's reference; memory goes with the last reference.
+ * Publisher requests in flight are aborted and their answers handled before it returns (it
+ * waits at most two seconds for a host transport). A retry alarm that is pending (a group that
+ * failed) still fires later and then only lets go of its references: keep trace.printf and
+ * threadInit valid for the life of the process. */
 KYR_EXPORT void kyrDestroy(Kyr* kyr);
 KYR_EXPORT void kyrObtainRef(Kyr* kyr, const char* reason);
 KYR_EXPORT void kyrReleaseRef(Kyr* kyr, const char* reason);

@@ -22,7 +22,7 @@ void connectorGroupFree(KyrConnectorGroup* cg) {
   trDebug(cg->trCtx, cg->debugCtl, "connector group deleted: %s\n", cg->name);
   Kyr* kyr = cg->kyr;
   kyrListDestroy(cg->connectorList);
-  kyrPropertiesDelete(cg->props);
+  kyrPropertiesDeleteWithCopies(cg->props);
   kyrFree(cg->interestSpec);
   kyrFree(cg->name);
   kyrFree(cg->uri);

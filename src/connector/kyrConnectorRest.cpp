@@ -47,7 +47,10 @@ int kyrConnectorRequestSend(KyrConnector* c, KyrRestRequest* req) {
   int rc = req->cb->http.connector.sendRequest(req->client, req->method, req->uri, req->body,
                                                req->maxWait, kyrRestResponseHandler,
                                                reinterpret_cast<KyrHttpResponseContext*>(req));
-  if (rc == 0) return 0;
+  if (rc == 0) {
+    ++c->kyr->restRequestsInFlight;
+    return 0;
+  }
   kyrListFindAndRemove(c->outstandingRestRequestList, req);
   trTrace(cg->trCtx, cg->debugCtl, TR_LEVEL_ERROR,
           "sending request type %s to %s failed with return code %d\n",

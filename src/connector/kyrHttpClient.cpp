@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -32,6 +33,7 @@ struct InputStream {
   char* bufPtr;
   size_t bufSize;
   bool eof;  // a receive returned 0 or less (the end, an error or the receive time-out)
+  KyrHttpClient* client;
 };
 
 // One piece of a chunked body; its bytes follow the record.
@@ -39,6 +41,20 @@ struct Chunk {
   char* ptr;
   size_t size;
 };
+
+// The client's diagnostics. A request that kyrHttpClientAbort ended is the library's own doing,
+// not the publisher's, so its failure goes unreported.
+void say(KyrHttpClient* client, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void say(KyrHttpClient* client, const char* format, ...) {
+  {
+    std::lock_guard<std::mutex> guard(client->fdLock);
+    if (client->aborted) return;
+  }
+  va_list args;
+  va_start(args, format);
+  vprintf(format, args);
+  va_end(args);
+}
 
 // Sends until everything is out or a send fails; a short write shows as a missing status line.
 void writeAll(int fd, const char* data, size_t length) {
@@ -121,13 +137,13 @@ KyrHttpResponse* readChunkedBody(InputStream* in, int code) {
   for (;;) {
     char* line = getNextLine(in);
     if (line == nullptr) {
-      printf("no chunk found; unexpected EOF");
+      say(in->client, "no chunk found; unexpected EOF");
       break;
     }
     if (*line == '\0') continue;  // the CR LF that ends the previous chunk's data
     int size = hex2int(line);
     if (size < 0) {
-      printf("bad response: invalid chunk size: %s\n", line);
+      say(in->client, "bad response: invalid chunk size: %s\n", line);
       break;
     }
     if (size == 0) {  // trailer lines are not read
@@ -157,8 +173,8 @@ KyrHttpResponse* readSizedBody(InputStream* in, int code, size_t length) {
   size_t got;
   if (readExactly(in, response->body, length, &got)) return response;
   response->body[got] = '\0';
-  printf("Didn't read entire body: %d bytes of %d read: '%s'\n", static_cast<int>(got),
-         static_cast<int>(length), response->body);
+  say(in->client, "Didn't read entire body: %d bytes of %d read: '%s'\n", static_cast<int>(got),
+      static_cast<int>(length), response->body);
   kyrHttpClientFreeResponse(response);
   return nullptr;
 }
@@ -176,7 +192,7 @@ bool connectClient(KyrHttpClient* client) {
   client->timeoutInSecs = -1;  // a new socket has none
   if (connect(client->fd, reinterpret_cast<const sockaddr*>(&client->dst), sizeof client->dst) !=
       0) {
-    printf("connect failed to %s:%d: %d\n", client->host, ntohs(client->dst.sin_port), errno);
+    say(client, "connect failed to %s:%d: %d\n", client->host, ntohs(client->dst.sin_port), errno);
     kyrHttpClientClose(client);
     return false;
   }
@@ -236,7 +252,7 @@ bool readHeaders(InputStream* in, Headers* headers) {
     const char* value = colon[1] != '\0' ? colon + 2 : colon + 1;
     if (strcmp(line, "Content-Length") == 0) {
       if (value[strspn(value, "0123456789")] != '\0') {
-        printf("bad response: Content-Length response header value: %s\n", value);
+        say(in->client, "bad response: Content-Length response header value: %s\n", value);
         return false;
       }
       headers->hasLength = true;
@@ -254,7 +270,7 @@ KyrHttpResponse* exchange(KyrHttpClient* client, const char* method, const char*
                           const char* body, bool* close) {
   char buffer[kBufferSize];
   sendRequest(client, buffer, method, uri, body);
-  InputStream in{client->fd, 0, 0, buffer, kBufferSize, false};
+  InputStream in{client->fd, 0, 0, buffer, kBufferSize, false, client};
   buffer[0] = '\0';
   char* status = getNextLine(&in);
   if (status == nullptr) return nullptr;
@@ -265,7 +281,7 @@ KyrHttpResponse* exchange(KyrHttpClient* client, const char* method, const char*
   *close = headers.close;
   if (headers.chunked) return readChunkedBody(&in, code);
   if (headers.hasLength) return readSizedBody(&in, code, headers.length);
-  printf("No Content-Length header or chunked encoding found\n");
+  say(client, "No Content-Length header or chunked encoding found\n");
   return nullptr;
 }
 

@@ -54,6 +54,52 @@ void sendNextPoll(KyrRestRequest* req, int64_t vid) {
   if (kyrConnectorRequestSend(req->c, req) != 0) connectorFailed(req, "send failure");
 }
 
+// The handling of one answer, under the control lock.
+void handleResponse(KyrRestRequest* req, KyrHttpResponse* response) {
+  KyrConnector* c = req->c;
+  if (!req->cancelled) kyrListFindAndRemove(c->outstandingRestRequestList, req);
+  bool dataRequest = req->type == RRT_INIT || req->type == RRT_WAIT_FOR_DELTA;
+  if (req->cancelled || !dataRequest) {
+    if (!req->cancelled) kyrConnectorValidateResponse(c, response, req);
+    dropResponse(req, response);
+    kyrRestRequestDelete(req);
+    return;
+  }
+  if (!kyrConnectorValidateResponse(c, response, req)) {
+    dropResponse(req, response);
+    kyrConnectorCloseClient(c);
+    connectorFailed(req, "no valid response");
+    return;
+  }
+  KyrConnectorGroup* cg = req->cg;
+  bool init = req->type == RRT_INIT;
+  // Set before the document is applied: a complete document from a publisher replaces the model
+  // instead of merging into what the host may have fed by hand.
+  if (init) cg->initialized = true;
+  int64_t vid = kyrHandleJsonFromRestService(response->body, c);
+  dropResponse(req, response);
+  if (vid < 0) {
+    // Without a version id there is nothing to poll for: the publisher is not usable.
+    trTrace(cg->trCtx, cg->debugCtl, TR_LEVEL_ERROR,
+            "no version id in the response from %s for request type %s\n", c->URL,
+            kyrRestRequestTypeName(req->type));
+    kyrConnectorCloseClient(c);
+    connectorFailed(req, "no version id in the response");
+    return;
+  }
+  if (init) {
+    // The states change once the document is in place, so a host that waits for STARTED
+    // routes with the publisher's data.
+    req->type = RRT_WAIT_FOR_DELTA;
+    req->maxWait = cg->waitTime + cg->maxWaitOffset;
+    kyrConnectorSetState(c, STARTED, "started");
+    cg->consecutiveFailures = 0;
+    kyrConnectorGroupSetState(cg, STARTED, "started");
+    kyrConnectorFlushRoutingChanges(c);
+  }
+  sendNextPoll(req, vid);
+}
+
 }  // namespace
 
 const char* kyrRestRequestTypeName(int type) {
@@ -117,49 +163,15 @@ void kyrRestRequestDelete(KyrRestRequest* req) {
 
 void kyrRestResponseHandler(KyrHttpResponse* response, KyrHttpResponseContext* passback) {
   auto* req = reinterpret_cast<KyrRestRequest*>(passback);
-  ControlLockGuard guard("kyrRestResponseHandler");
-  KyrConnector* c = req->c;
-  if (!req->cancelled) kyrListFindAndRemove(c->outstandingRestRequestList, req);
-  bool dataRequest = req->type == RRT_INIT || req->type == RRT_WAIT_FOR_DELTA;
-  if (req->cancelled || !dataRequest) {
-    if (!req->cancelled) kyrConnectorValidateResponse(c, response, req);
-    dropResponse(req, response);
-    kyrRestRequestDelete(req);
-    return;
+  // The handling may let go of the request's group and with it the group's handle reference.
+  Kyr* kyr = req->kyr;
+  kyrObtainRef(kyr, "kyrRestResponseHandler");
+  {
+    ControlLockGuard guard("kyrRestResponseHandler");
+    handleResponse(req, response);
   }
-  if (!kyrConnectorValidateResponse(c, response, req)) {
-    dropResponse(req, response);
-    kyrConnectorCloseClient(c);
-    connectorFailed(req, "no valid response");
-    return;
-  }
-  KyrConnectorGroup* cg = req->cg;
-  bool init = req->type == RRT_INIT;
-  // Set before the document is applied: a complete document from a publisher replaces the model
-  // instead of merging into what the host may have fed by hand.
-  if (init) cg->initialized = true;
-  int64_t vid = kyrHandleJsonFromRestService(response->body, c);
-  dropResponse(req, response);
-  if (vid < 0) {
-    // Without a version id there is nothing to poll for: the publisher is not usable.
-    trTrace(cg->trCtx, cg->debugCtl, TR_LEVEL_ERROR,
-            "no version id in the response from %s for request type %s\n", c->URL,
-            kyrRestRequestTypeName(req->type));
-    kyrConnectorCloseClient(c);
-    connectorFailed(req, "no version id in the response");
-    return;
-  }
-  if (init) {
-    // The states change once the document is in place, so a host that waits for STARTED
-    // routes with the publisher's data.
-    req->type = RRT_WAIT_FOR_DELTA;
-    req->maxWait = cg->waitTime + cg->maxWaitOffset;
-    kyrConnectorSetState(c, STARTED, "started");
-    cg->consecutiveFailures = 0;
-    kyrConnectorGroupSetState(cg, STARTED, "started");
-    kyrConnectorFlushRoutingChanges(c);
-  }
-  sendNextPoll(req, vid);
+  --kyr->restRequestsInFlight;
+  kyrReleaseRef(kyr, "kyrRestResponseHandler");
 }
 
 }  // namespace kyr

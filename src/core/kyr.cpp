@@ -127,8 +127,7 @@ void kyrHandleFree(Kyr* kyr) {
   kyrHashMapDestroy(kyr->endPointRefMap);
   kyrLockDestroy(kyr->endPointRefLock);
   kyrHashMapDestroy(kyr->sappMap);
-  if (kyr->props != nullptr) kyrHashMapSetDestructor(kyr->props->map, free);
-  kyrPropertiesDelete(kyr->props);
+  kyrPropertiesDeleteWithCopies(kyr->props);
   kyrHashMapDestroy(kyr->defaultProps);
   serverPropsDestroy(kyr);
   kyrHashMapDestroy(kyr->partitionIDData.map);

@@ -131,6 +131,10 @@ struct _Kyr {
   // Set when the last reference went on the worker thread itself (a work item destroyed the
   // handle): the worker frees the handle as its own last step. Only the worker touches it.
   bool asyncWorkFreesHandle;
+  // REST requests the connector transport holds: raised by each send it accepts, lowered as
+  // each answer's handling ends. Destroy waits for it to fall to zero, so that no transport
+  // thread calls into the host after destroy has returned.
+  std::atomic<int> restRequestsInFlight;
 };
 
 namespace kyr {

@@ -1,7 +1,9 @@
 // The handle's life: the process-wide control lock, start with its optional wait for the
 // connector groups, stop, destroy, and the handle state derived from the groups' states.
+#include <chrono>
 #include <mutex>
 #include <string>
+#include <thread>
 
 #include "connector/kyrConnectorGroup.h"
 #include "core/kyr.h"
@@ -48,6 +50,22 @@ void waitForInitializationCompletion(Kyr* kyr, int timeoutInSecs) {
     kyrControlLock("kyr.waitForInitializationCompletion");
   }
   trDebug(kyr->trCtx, kyr->processRec, "KYR initialization is complete\n");
+}
+
+// Stopped groups cancelled their requests and shut the transport's sockets, so the answers come
+// back at once; their handling needs the control lock. A host transport that holds on to a
+// request longer is not waited for beyond a bound.
+void awaitRestRequests(Kyr* kyr) {
+  if (kyr->restRequestsInFlight == 0) return;
+  kyrControlUnlock();
+  for (int i = 0; i < 2000 && kyr->restRequestsInFlight > 0; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  kyrControlLock("kyrDestroy2");
+  if (kyr->restRequestsInFlight > 0) {
+    trDebug(kyr->trCtx, kyr->processRec, "kyrDestroy2: %d REST requests still unanswered\n",
+            kyr->restRequestsInFlight.load());
+  }
 }
 
 template <class Fn>
@@ -105,6 +123,7 @@ void kyrDestroy2(Kyr* kyr) {
   while (!kyrListIsEmpty(kyr->connectorGroupList)) {
     kyrConnectorGroupDelete2(kyrListEleGetObject(kyrListGetHead(kyr->connectorGroupList)));
   }
+  awaitRestRequests(kyr);
   KyrRoutingInfo* current;
   {
     KyrLockGuard guard(kyr->routingInfoLock, "kyrDestroy2");

@@ -31,6 +31,12 @@ void kyrPropertiesDelete(KyrProperties* props) {
   kyrFree(props);
 }
 
+void kyrPropertiesDeleteWithCopies(KyrProperties* props) {
+  if (props == nullptr) return;
+  kyrHashMapSetDestructor(props->map, free);
+  kyrPropertiesDelete(props);
+}
+
 const char* kyrPropertyGet(KyrProperties* props, const char* propName) {
   KyrLockGuard guard(props->lock, "kyrPropertyGet");
   return static_cast<const char*>(kyrHashGet(props->map, propName));

@@ -25,6 +25,8 @@ struct KyrProperties {
 
 KyrProperties* kyrPropertiesCreate(KyrSetPropertyFcn setPropertyFcn, void* passback);
 void kyrPropertiesDelete(KyrProperties* props);
+// For owners whose every value came through a validated set: releases those copies too.
+void kyrPropertiesDeleteWithCopies(KyrProperties* props);
 // The stored text, for callers that no setter can run beside (the owner's own control path):
 // a later set may free it.
 const char* kyrPropertyGet(KyrProperties* props, const char* propName);
