@@ -189,6 +189,7 @@ struct PublisherRequest {
   std::string method;
   std::string uri;
   std::string body;
+  bool routeChange = false;  // a POST of "addRoutes" or "delRoutes"
 };
 
 // A publisher of routing data. It holds a complete document at a version and the deltas pushed
@@ -294,6 +295,15 @@ class Publisher {
     }
     return found;
   }
+  // The URIs of the initial requests (the POSTs that are no route change), in arrival order.
+  std::vector<std::string> inits() const {
+    std::lock_guard<std::mutex> guard(lock_);
+    std::vector<std::string> found;
+    for (const auto& r : requests_) {
+      if (r.method == "POST" && !r.routeChange) found.push_back(r.uri);
+    }
+    return found;
+  }
   // The bodies of the route changes received, in arrival order.
   std::vector<std::string> routeChanges() const {
     std::lock_guard<std::mutex> guard(lock_);
@@ -310,9 +320,13 @@ class Publisher {
     return static_cast<int>(
         std::count_if(conns_.begin(), conns_.end(), [](const Conn& c) { return c.held; }));
   }
-  int connections() const {
+  int connections() const {  // accepted so far
     std::lock_guard<std::mutex> guard(lock_);
     return accepted_;
+  }
+  int openConnections() const {  // not yet closed by their peer
+    std::lock_guard<std::mutex> guard(lock_);
+    return static_cast<int>(conns_.size());
   }
 
  private:
@@ -423,11 +437,12 @@ class Publisher {
   void serveInput(Conn& c) {
     PublisherRequest request;
     while (!c.held && takeRequest(c, request)) {
+      request.routeChange = request.method == "POST" && isRouteChange(request.body);
       requests_.push_back(request);
       arrived_.notify_all();
       if (failStatus_ != 0) {
         respond(c.fd, failStatus_, "{\"error\":\"failing as told\"}");
-      } else if (request.method == "POST" && isRouteChange(request.body)) {
+      } else if (request.routeChange) {
         routeChanges_.push_back(request.body);
         respond(c.fd, 200, "{}");
       } else if (request.method == "POST") {
