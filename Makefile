@@ -68,14 +68,14 @@ tidy: deps
 	      --extra-arg=-Wno-unknown-warning-option
 
 # Every parser of outside input under libFuzzer (clang) with ASan+UBSan: the rule language
-# (fuzz_lang), routing documents (fuzz_documents) and the request and response fields
-# (fuzz_request), each for FUZZ_SECONDS from its checked-in seeds, with a working corpus and
-# crash artifacts of its own under build-fuzz/. The inputs that once crashed the library
-# (tests/fuzz/crashes) are seeds too, so each is tried again on every run. Every fuzzer runs
-# even when an earlier one failed; any crash, leak or hang fails the target after printing the
-# end of that fuzzer's log.
+# (fuzz_lang), routing documents (fuzz_documents), the request and response fields
+# (fuzz_request) and the publisher replies the built-in HTTP client reads (fuzz_http_response),
+# each for FUZZ_SECONDS from its checked-in seeds, with a working corpus and crash artifacts of
+# its own under build-fuzz/. The inputs that once crashed the library (tests/fuzz/crashes) are
+# seeds too, so each is tried again on every run. Every fuzzer runs even when an earlier one
+# failed; any crash, leak or hang fails the target after printing the end of that fuzzer's log.
 FUZZ_SECONDS ?= 60
-FUZZERS := lang documents request
+FUZZERS := lang documents request http_response
 FUZZ_BIN_lang := tests/lang/fuzz_lang
 FUZZ_SEEDS_lang := tests/lang/corpus
 FUZZ_ARGS_lang := -max_len=4096
@@ -85,6 +85,9 @@ FUZZ_ARGS_documents := -max_len=16384 -dict=tests/fuzz/documents.dict
 FUZZ_BIN_request := tests/fuzz/fuzz_request
 FUZZ_SEEDS_request := tests/fuzz/request
 FUZZ_ARGS_request := -max_len=512 -len_control=0 -dict=tests/fuzz/request.dict
+FUZZ_BIN_http_response := tests/fuzz/fuzz_http_response
+FUZZ_SEEDS_http_response := tests/fuzz/http_response tests/fuzz/crashes
+FUZZ_ARGS_http_response := -max_len=65536 -dict=tests/fuzz/http_response.dict
 
 fuzz: fuzz-build
 	@$(MAKE) --no-print-directory -j1 -k $(addprefix fuzz-run-,$(FUZZERS))
