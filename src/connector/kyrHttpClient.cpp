@@ -24,6 +24,11 @@ namespace kyr {
 namespace {
 
 constexpr size_t kBufferSize = 2048;
+// No routing document comes near this; a publisher that claims more is broken or lying.
+constexpr size_t kMaxBodySize = 256 * 1024 * 1024;
+// A chunk is received in pieces of at most this much, so memory grows with what arrives and
+// not with what a chunk's size line claims.
+constexpr size_t kChunkPieceSize = 1024 * 1024;
 
 // What has been received of one response; the buffer is the request's stack buffer.
 struct InputStream {
@@ -125,9 +130,26 @@ bool readExactly(InputStream* in, char* out, size_t size, size_t* got) {
 
 KyrHttpResponse* responseCreate(int code, size_t bodySize) {
   auto* response = static_cast<KyrHttpResponse*>(kyrMalloc(sizeof(KyrHttpResponse) + bodySize + 1));
+  if (response == nullptr) return nullptr;
   response->responseCode = code;
   response->body = reinterpret_cast<char*>(response + 1);
   return response;
+}
+
+// One chunk's data, appended to the list in pieces; false at the end of the stream.
+bool readChunk(InputStream* in, KyrList* chunks, size_t size) {
+  while (size > 0) {
+    size_t piece = size < kChunkPieceSize ? size : kChunkPieceSize;
+    auto* chunk = static_cast<Chunk*>(kyrMalloc(sizeof(Chunk) + piece));
+    if (chunk == nullptr) return false;
+    chunk->ptr = reinterpret_cast<char*>(chunk + 1);
+    chunk->size = piece;
+    kyrListAddTail(chunks, chunk);
+    size_t got;
+    if (!readExactly(in, chunk->ptr, piece, &got)) return false;
+    size -= piece;
+  }
+  return true;
 }
 
 KyrHttpResponse* readChunkedBody(InputStream* in, int code) {
@@ -142,12 +164,13 @@ KyrHttpResponse* readChunkedBody(InputStream* in, int code) {
     }
     if (*line == '\0') continue;  // the CR LF that ends the previous chunk's data
     int size = hex2int(line);
-    if (size < 0) {
+    if (size < 0 || static_cast<size_t>(size) > kMaxBodySize - total) {
       say(in->client, "bad response: invalid chunk size: %s\n", line);
       break;
     }
     if (size == 0) {  // trailer lines are not read
       response = responseCreate(code, total);
+      if (response == nullptr) break;
       char* out = response->body;
       for (KyrListEle* e = kyrListGetHead(chunks); e != nullptr; e = kyrListGetNext(e)) {
         auto* chunk = static_cast<Chunk*>(kyrListEleGetObject(e));
@@ -156,13 +179,8 @@ KyrHttpResponse* readChunkedBody(InputStream* in, int code) {
       }
       break;
     }
-    auto* chunk = static_cast<Chunk*>(kyrMalloc(sizeof(Chunk) + static_cast<size_t>(size)));
-    chunk->ptr = reinterpret_cast<char*>(chunk + 1);
-    chunk->size = static_cast<size_t>(size);
-    kyrListAddTail(chunks, chunk);
-    size_t got;
-    if (!readExactly(in, chunk->ptr, chunk->size, &got)) break;
-    total += chunk->size;
+    if (!readChunk(in, chunks, static_cast<size_t>(size))) break;
+    total += static_cast<size_t>(size);
   }
   kyrListDestroy(chunks);
   return response;
@@ -170,6 +188,10 @@ KyrHttpResponse* readChunkedBody(InputStream* in, int code) {
 
 KyrHttpResponse* readSizedBody(InputStream* in, int code, size_t length) {
   KyrHttpResponse* response = responseCreate(code, length);
+  if (response == nullptr) {
+    say(in->client, "Didn't read entire body: no room for %zu bytes\n", length);
+    return nullptr;
+  }
   size_t got;
   if (readExactly(in, response->body, length, &got)) return response;
   response->body[got] = '\0';
@@ -251,12 +273,16 @@ bool readHeaders(InputStream* in, Headers* headers) {
     // Deliberately a fixed step of two: publishers write exactly one blank after the colon.
     const char* value = colon[1] != '\0' ? colon + 2 : colon + 1;
     if (strcmp(line, "Content-Length") == 0) {
-      if (value[strspn(value, "0123456789")] != '\0') {
+      // Digits only, and no more than a document can be: a length that wraps would size the
+      // response too small for what follows.
+      size_t digits = strspn(value, "0123456789");
+      unsigned long long length = digits > 0 && digits < 20 ? strtoull(value, nullptr, 10) : 0;
+      if (value[digits] != '\0' || digits >= 20 || length > kMaxBodySize) {
         say(in->client, "bad response: Content-Length response header value: %s\n", value);
         return false;
       }
       headers->hasLength = true;
-      headers->length = strtoul(value, nullptr, 10);
+      headers->length = static_cast<size_t>(length);
     } else if (strcmp(line, "Transfer-Encoding") == 0 && strcmp(value, "chunked") == 0) {
       headers->chunked = true;
     } else if (strcmp(line, "Connection") == 0 && strcmp(value, "Close") == 0) {
