@@ -333,6 +333,48 @@ KYR_EXPORT KyrComponentState kyrConnectorGetState(KyrConnector* connector);
 /* Removes the connector from its group and drops the group's reference to it. */
 KYR_EXPORT void kyrConnectorDelete(KyrConnector* connector);
 
+/* ---- Several worker processes ------------------------------------------------------------
+ * One worker (the server process) runs the connector groups and hands the routing data to the
+ * others (client processes) over a unix-domain socket. Mark the process before kyrStart; a
+ * client process needs the same connector groups (by name) as the server process. */
+KYR_EXPORT int kyrMarkAsServerProcess(Kyr* kyr, const char* unixDomainSocketPath,
+                                      uid_t unixDomainSocketUid);
+KYR_EXPORT int kyrMarkAsClientProcess(Kyr* kyr, const char* unixDomainSocketPath);
+
+/* The frame on the socket: a header of three ints in the machine's byte order, then len bytes
+ * of body (a text with its terminating zero, or a binary record). */
+typedef enum {
+  MT_CONNECTED = 0,
+  MT_S2C_BEGIN_ROUTING_INFO = 1,
+  MT_S2C_ROUTING_INFO = 2,
+  MT_S2C_END_ROUTING_INFO = 3,
+  MT_S2C_ROUTING_INFO_DELTA = 4,
+  MT_C2S_JSON = 5,
+  MT_S2C_SET_CONTROL_STATE = 6,
+  MT_CLIENT_TO_SERVER_HEALTH_TRIGGER = 7
+} KyrMessageType;
+
+typedef struct {
+  int32_t type; /* KyrMessageType */
+  int32_t pid;  /* the sender's process id, stamped by the send */
+  int32_t len;  /* body length */
+} KyrMessageHdr;
+
+typedef struct {
+  KyrMessageHdr hdr;
+  char* body; /* NULL when len is 0 */
+} KyrMessage;
+
+typedef struct KyrServerProcess KyrServerProcess;
+typedef struct KyrClientProcess KyrClientProcess;
+
+/* The process objects kyrMarkAs* create and kyrStart/kyrStop drive; hosts rarely need them. */
+KYR_EXPORT KyrServerProcess* kyrGetServerProcess(Kyr* kyr);
+KYR_EXPORT int kyrServerProcessSendMessage(KyrServerProcess* proc, KyrMessage* msg, int fd);
+KYR_EXPORT int kyrServerProcessBroadcastMessage(KyrServerProcess* proc, KyrMessage* msg);
+KYR_EXPORT int kyrServerProcessGetClientCount(KyrServerProcess* proc);
+KYR_EXPORT int kyrClientProcessSendMessage(Kyr* kyr, KyrMessage* msg);
+
 /* ---- Routing data --------------------------------------------------------------------------
  * Documents are Jansson values (struct json_t). kyrStrToJson parses a text, reporting bad JSON
  * on the control.error.invalidJSON trace record; NULL when it cannot be parsed. */

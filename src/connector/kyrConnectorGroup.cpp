@@ -8,6 +8,7 @@
 #include "connector/kyrConnector.h"
 #include "connector/kyrInterestSpec.h"
 #include "core/kyr.h"
+#include "core/kyrProcessMessages.h"
 #include "runtime/kyrLibUtil.h"
 #include "runtime/kyrStringBuffer.h"
 #include "runtime/kyrUtil.h"
@@ -104,7 +105,7 @@ void kyrConnectorGroupUpdateRestURI(KyrConnectorGroup* cg) {
   sbAdd(sb, cg->name);
   sbAdd(sb, "&server=");
   sbAdd(sb, server);
-  kyrReplaceStr(&cg->restURI, sbStr(sb));
+  kyrReplaceCountedStr(&cg->restURI, sbStr(sb));
   sbDelete(sb);
   trDebug(cg->trCtx, cg->debugCtl, "kyrConnectorGroupUpdateRestURI restURI='%s'\n", cg->restURI);
 }
@@ -119,6 +120,8 @@ void kyrConnectorGroupSetState(KyrConnectorGroup* cg, KyrComponentState state, c
     cg->kyr->env.stateChange.kyrConnectorGroup(cg, state, const_cast<char*>(reason));
   }
   kyrCheckState(cg->kyr);
+  // The client processes show the server's groups in their state reports.
+  kyrUpdateControlState(cg->kyr, -1);
 }
 
 const char* kyrConnectorGroupGetInterestSpec2(KyrConnectorGroup* cg) {

@@ -6,6 +6,7 @@
 #include "connector/kyrConnectorGroup.h"
 #include "connector/kyrRestRequest.h"
 #include "core/kyr.h"
+#include "core/kyrProcessMessages.h"
 #include "runtime/kyrLibUtil.h"
 #include "runtime/kyrUtil.h"
 #include "trace/trWrite.h"
@@ -107,7 +108,7 @@ void kyrConnectorPostRoutingChange(KyrConnector* c, const char* route, bool add)
   // Request threads must not wait for the control lock: the worker posts for them. One work
   // item serves everything queued until it runs. A connector that is not talking to its
   // publisher keeps the queue; it posts it once it has started.
-  if (first && c->state == STARTED) {
+  if (first && (c->state == STARTED || kyrIsClientProcess(c->kyr))) {
     kyrConnectorObtainRef(c, "kyrConnectorPostRoutingChange");
     kyrProcessAsync(c->kyr, c, flushRoutingChangesAsync);
   }
@@ -115,7 +116,10 @@ void kyrConnectorPostRoutingChange(KyrConnector* c, const char* route, bool add)
 
 void kyrConnectorFlushRoutingChanges(KyrConnector* c) {
   kyrControlLockAssertHeld();
-  if (c->processingJSON || c->client == nullptr || c->state != STARTED) return;
+  bool client = kyrIsClientProcess(c->kyr);
+  // A client process's connectors never talk to a publisher: the server process does, once
+  // every client agrees.
+  if (c->processingJSON || (!client && (c->client == nullptr || c->state != STARTED))) return;
   json_t* body = json_object();
   {
     KyrLockGuard guard(c->routesLock, "kyrConnectorFlushRoutingChanges");
@@ -125,6 +129,13 @@ void kyrConnectorFlushRoutingChanges(KyrConnector* c) {
     c->delRoutes = nullptr;
   }
   if (json_object_size(body) == 0) {
+    json_decref(body);
+    return;
+  }
+  if (client) {
+    json_object_set_new(body, "connectorGroupName", json_string(c->cg->name));
+    json_object_set_new(body, "connectorURL", json_string(c->URL));
+    kyrClientProcessSendJson(c->kyr, body);
     json_decref(body);
     return;
   }

@@ -11,7 +11,10 @@
 #include "connector/kyrConnectorGroup.h"
 #include "core/kyrHandleProperties.h"
 #include "core/kyrPartitionData.h"
+#include "core/kyrProcessMessages.h"
 #include "core/kyrRoutingInfo.h"
+#include "ipc/kyrClientProcess.h"
+#include "ipc/kyrServerProcess.h"
 #include "lang/kyrHttpLanguage.h"
 #include "lang/kyrRule.h"
 #include "request/kyrHttpContext.h"
@@ -99,7 +102,7 @@ void initFields(Kyr* kyr) {
   kyr->routingInfo = kyrRoutingInfoCreate(kyr);
   kyr->endPointRefMap = kyrHashMapCreate2(endPointRefDelete);
   kyr->endPointRefLock = kyrLockCreate("Kyr.endPointRefLock");
-  kyr->sappMap = kyrHashMapCreate();
+  kyr->sappMap = kyrHashMapCreate2(kyrSappEntryDelete);
   kyr->partitionIDData.map = kyrHashMapCreate2(partitionIDDataDelete);
   kyr->partitionIDData.lock = kyrLockCreate("Kyr.partitionIDData.lock");
   kyr->customPropDefaultRequestTraceSpec = nullptr;
@@ -122,6 +125,8 @@ void initFields(Kyr* kyr) {
 void kyrHandleFree(Kyr* kyr) {
   kyrListDestroy(kyr->contextPool);
   kyrListDestroy(kyr->connectorGroupList);
+  kyrServerProcessDelete(kyr->serverProcess);
+  kyrClientProcessDelete(kyr->clientProcess);
   kyrRulesFree(kyr->requestTraceRules);
   langFree(kyr->httpLanguage);
   kyrHashMapDestroy(kyr->endPointRefMap);

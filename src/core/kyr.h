@@ -11,9 +11,10 @@
 //   4. kyr->partitionIDData.lock, taken inside selection for partition IDs and by private
 //      headers and response processing;
 //   5. kyr->endPointRefLock, taken while the selector lock holds to share host endpoint objects;
-//   6. leaves that take nothing else: routingInfoLock, contextPoolLock, trSpecLock, rm->lock (a
+//   6. the server process's clientSocketListLock, held while a broadcast takes the send lock;
+//   7. leaves that take nothing else: routingInfoLock, contextPoolLock, trSpecLock, rm->lock (a
 //      version's application roots), a property set's lock, the worker queue's lock, a
-//      connector's route-change lock, trace locks.
+//      connector's route-change lock, a process object's send lock, trace locks.
 // Host callbacks that run while the library holds a lock, and so must not call back into it:
 //   - stateChange.kyr, stateChange.kyrConnectorGroup, stateChange.kyrConnector: the control lock;
 //   - http.connector.open, sendRequest and close, alarm and alarm_ex: the control lock (a
@@ -42,8 +43,6 @@ namespace kyr {
 
 // Owned by modules that attach themselves to the handle; the handle only holds the pointer.
 struct KyrRoutingInfo;
-struct KyrServerProcess;
-struct KyrClientProcess;
 struct Language;
 struct KyrRules;
 struct HealthMonitor;
@@ -106,8 +105,8 @@ struct _Kyr {
   KyrProcessType processType;
   char* unixDomainSocketPath;
   uid_t unixDomainSocketUid;
-  kyr::KyrServerProcess* serverProcess;
-  kyr::KyrClientProcess* clientProcess;
+  KyrServerProcess* serverProcess;  // owned; made by kyrMarkAsServerProcess
+  KyrClientProcess* clientProcess;  // owned; made by kyrMarkAsClientProcess
   kyr::Language* httpLanguage;
   kyr::KyrRules* requestTraceRules;
   int maxSecondsToWaitDuringAtomicRollout;
@@ -170,7 +169,6 @@ KyrProperties* kyrGetProperties(Kyr* kyr);
 Language* kyrGetHttpLanguage(Kyr* kyr);
 KyrRules* kyrGetRequestTraceRules(Kyr* kyr);
 HealthMonitor* kyrGetHealthMonitor(Kyr* kyr);
-KyrServerProcess* kyrGetServerProcess(Kyr* kyr);
 
 // Host endpoint objects shared by every endpoint of the same name: the first obtain asks the
 // host to create one, the last release hands it back. NULL when the host gives none. Any thread

@@ -9,7 +9,6 @@ KyrProperties* kyrGetProperties(Kyr* kyr) { return kyr->props; }
 Language* kyrGetHttpLanguage(Kyr* kyr) { return kyr->httpLanguage; }
 KyrRules* kyrGetRequestTraceRules(Kyr* kyr) { return kyr->requestTraceRules; }
 HealthMonitor* kyrGetHealthMonitor(Kyr* kyr) { return kyr->healthMonitor; }
-KyrServerProcess* kyrGetServerProcess(Kyr* kyr) { return kyr->serverProcess; }
 
 }  // namespace kyr
 
@@ -18,6 +17,7 @@ using namespace kyr;
 extern "C" {
 
 EnvCallBacks* kyrGetEnvCallBacks(Kyr* kyr) { return &kyr->env; }
+KyrServerProcess* kyrGetServerProcess(Kyr* kyr) { return kyr->serverProcess; }
 TrMgr* kyrGetTrMgr(Kyr* kyr) { return kyr->trMgr; }
 TrMgr* getKyrTrMgr(Kyr* kyr) { return kyr->trMgr; }
 TrContext* kyrGetTrContext(Kyr* kyr) { return kyr->trCtx; }

@@ -8,7 +8,10 @@
 #include "connector/kyrConnectorGroup.h"
 #include "core/kyr.h"
 #include "core/kyrRoutingInfo.h"
+#include "ipc/kyrClientProcess.h"
+#include "ipc/kyrServerProcess.h"
 #include "runtime/kyrLibUtil.h"
+#include "runtime/kyrUtil.h"
 #include "trace/trWrite.h"
 
 namespace kyr {
@@ -103,8 +106,19 @@ int kyrStart2(Kyr* kyr, int timeoutInSecs) {
     return -1;
   }
   kyrSetState(kyr, STARTING, "starting");
+  if (kyrIsClientProcess(kyr)) {
+    // The routing data comes from the server process; it says when all of it is here.
+    if (kyrClientProcessStart(kyr->clientProcess) != 0) {
+      trDebug(kyr->trCtx, kyr->ipcProcessRec, "kyrStart2: the client process did not start\n");
+    }
+    waitForInitializationCompletion(kyr, timeoutInSecs);
+    return 0;
+  }
   forEachConnectorGroup(kyr, kyrConnectorGroupStart2);
   waitForInitializationCompletion(kyr, timeoutInSecs);
+  if (kyrIsServerProcess(kyr) && kyrServerProcessStart(kyr->serverProcess) != 0) {
+    trDebug(kyr->trCtx, kyr->ipcProcessRec, "kyrStart2: the server process did not start\n");
+  }
   return 0;
 }
 
@@ -112,6 +126,13 @@ int kyrStop2(Kyr* kyr) {
   kyrControlLockAssertHeld();
   if (!kyrIsUsable(kyr)) return -1;
   kyrSetState(kyr, STOPPING, "stopping initiated");
+  if (kyrIsClientProcess(kyr)) {
+    kyrClientProcessStop(kyr->clientProcess);
+    // A client's groups never ran, so none reports: the handle settles from them now.
+    kyrCheckState(kyr);
+    return 0;
+  }
+  if (kyrIsServerProcess(kyr)) kyrServerProcessStop(kyr->serverProcess);
   forEachConnectorGroup(kyr, kyrConnectorGroupStop2);
   return 0;
 }
@@ -125,12 +146,16 @@ void kyrDestroy2(Kyr* kyr) {
   }
   awaitRestRequests(kyr);
   KyrRoutingInfo* current;
+  KyrRoutingInfo* halfBuilt;  // a client process's version that the server never finished
   {
     KyrLockGuard guard(kyr->routingInfoLock, "kyrDestroy2");
     current = kyr->routingInfo;
+    halfBuilt = kyr->newRoutingInfo;
     kyr->routingInfo = nullptr;
+    kyr->newRoutingInfo = nullptr;
   }
   kyrRoutingInfoRelease(current);
+  kyrRoutingInfoRelease(halfBuilt);
   kyrAsyncWorkStop(kyr);
   kyrSetState(kyr, DELETED, "deleted");
   kyrReleaseRef(kyr, "kyrDestroy2");
@@ -148,6 +173,33 @@ void kyrControlLock(const char* whoIsLocking) {
 }
 
 void kyrControlUnlock(void) { kyrLockRelease(controlLock); }
+
+int kyrMarkAsServerProcess(Kyr* kyr, const char* unixDomainSocketPath, uid_t unixDomainSocketUid) {
+  if (kyr == nullptr) return -1;
+  ControlLockGuard guard("kyrMarkAsServerProcess");
+  trDebug(kyr->trCtx, kyr->ipcProcessRec, "kyrMarkAsServerProcess: path='%s', uid=%u\n",
+          kyrNullText(unixDomainSocketPath), static_cast<unsigned>(unixDomainSocketUid));
+  if (kyr->serverProcess != nullptr || kyr->clientProcess != nullptr) return -1;
+  kyr->serverProcess = kyrServerProcessCreate(kyr);
+  if (kyr->serverProcess == nullptr) return -1;
+  kyr->processType = KYR_SERVER_PROCESS;
+  kyrSetUnixDomainSocketPath(kyr, unixDomainSocketPath);
+  kyrSetUnixDomainSocketUid(kyr, unixDomainSocketUid);
+  return 0;
+}
+
+int kyrMarkAsClientProcess(Kyr* kyr, const char* unixDomainSocketPath) {
+  if (kyr == nullptr) return -1;
+  ControlLockGuard guard("kyrMarkAsClientProcess");
+  trDebug(kyr->trCtx, kyr->ipcProcessRec, "kyrMarkAsClientProcess: path='%s'\n",
+          kyrNullText(unixDomainSocketPath));
+  if (kyr->serverProcess != nullptr || kyr->clientProcess != nullptr) return -1;
+  kyr->clientProcess = kyrClientProcessCreate(kyr);
+  if (kyr->clientProcess == nullptr) return -1;
+  kyr->processType = KYR_CLIENT_PROCESS;
+  kyrSetUnixDomainSocketPath(kyr, unixDomainSocketPath);
+  return 0;
+}
 
 int kyrStart(Kyr* kyr, int timeoutInSecs) {
   if (kyr == nullptr) return -1;

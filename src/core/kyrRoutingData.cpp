@@ -13,6 +13,7 @@
 
 #include "connector/kyrConnectorGroup.h"
 #include "core/kyrObjectHandlers.h"
+#include "core/kyrProcessMessages.h"
 #include "core/kyrStoredDocument.h"
 #include "mapping/kyrRequestMapper.h"
 #include "runtime/kyrLibUtil.h"
@@ -537,7 +538,10 @@ int64_t kyrHandleJson(json_t* doc, const char* docText, KyrConnector* c) {
       json_incref(doc);
       kyrConnectorSetJSON(c, doc);
     }
-    pi.callObjectHandlers = kyrIsServerProcess(kyr);
+    // The first pass brings the stored document up to date; the model changes in the second,
+    // or is rebuilt. The server process routes requests too, so it keeps its model as a
+    // standalone process does and passes each document on to its clients.
+    pi.callObjectHandlers = false;
     version = jsonHandle(pi, doc);
     if (version != c->vid) {
       if (c->json != nullptr) json_object_set_new(c->json, "version", json_integer(version));
@@ -553,16 +557,19 @@ int64_t kyrHandleJson(json_t* doc, const char* docText, KyrConnector* c) {
     } else if (!isDelta) {
       pi.resetRoutingInfo = true;
     }
-    if (kyrIsStandaloneProcess(kyr)) {
-      if (!pi.resetRoutingInfo) {
-        // The first pass only brought the stored document up to date; now change the model.
-        ParseInfo apply = parseInfoFor(ri, c);
-        apply.callObjectHandlers = true;
-        jsonHandle(apply, doc);
-      }
-      // A version that took many in-place changes holds what they retired until its last
-      // request goes; a fresh one lets that memory go.
-      if (pi.resetRoutingInfo || kyrRoutingInfoRetiredTooMuch(ri)) kyrResetRoutingInfo(kyr);
+    if (!pi.resetRoutingInfo) {
+      ParseInfo apply = parseInfoFor(ri, c);
+      apply.callObjectHandlers = true;
+      jsonHandle(apply, doc);
+    }
+    // A version that took many in-place changes holds what they retired until its last
+    // request goes; a fresh one lets that memory go. In a server process the switch sends
+    // everything to the clients, which rebuild too.
+    if (pi.resetRoutingInfo || kyrRoutingInfoRetiredTooMuch(ri)) {
+      kyrResetRoutingInfo(kyr);
+    } else if (kyrIsServerProcess(kyr)) {
+      DocumentText text(doc, docText);
+      kyrServerProcessBroadcastDocument(kyr, text.get(), isDelta);
     }
   }
   json_decref(doc);  // a complete document stays with its connector through its own reference

@@ -8,6 +8,7 @@
 #include "connector/kyrConnector.h"
 #include "connector/kyrConnectorGroup.h"
 #include "core/kyrObjectHandlers.h"
+#include "core/kyrProcessMessages.h"
 #include "core/kyrRoutingData.h"
 #include "core/kyrRuleRows.h"
 #include "mapping/kyrRequestMapper.h"
@@ -87,6 +88,9 @@ void kyrSwitchToNewRoutingInfo(Kyr* kyr, KyrRoutingInfo* ri) {
     old = kyr->routingInfo;
     kyr->routingInfo = ri;
   }
+  // The clients rebuild from what the server now holds. Sent after the version lock (a leaf)
+  // is let go; the control lock, held by every caller, keeps the sends in order.
+  if (kyrIsServerProcess(kyr)) sendAllRoutingInfoToClient(kyr, -1);
   kyrRoutingInfoRelease(old);
 }
 

@@ -7,6 +7,7 @@
 
 #include "connector/kyrConnectorGroup.h"
 #include "core/kyr.h"
+#include "core/kyrProcessMessages.h"
 #include "core/kyrRoutingInfo.h"
 #include "mapping/kyrRequestMapper.h"
 #include "runtime/kyrLibUtil.h"
