@@ -13,6 +13,7 @@
 #include "core/kyrPartitionData.h"
 #include "core/kyrProcessMessages.h"
 #include "core/kyrRoutingInfo.h"
+#include "health/hmHealthMonitor.h"
 #include "ipc/kyrClientProcess.h"
 #include "ipc/kyrServerProcess.h"
 #include "lang/kyrHttpLanguage.h"
@@ -112,6 +113,7 @@ void initFields(Kyr* kyr) {
   kyr->controlState = nullptr;
   kyr->privateHeadersDisabled = false;
   kyr->maxElapsedTimePerRequestInMillis = static_cast<KyrTime>(-1);
+  kyr->healthMonitor = hmHealthMonitorCreate(kyr);
   kyr->httpLanguage = langCreateHttpLanguage(kyr->trCtx, kyr->processRec);
   kyr->requestTraceRules = kyrRulesCreate(kyr->httpLanguage, kyr);
   kyrRulesSetType(kyr->requestTraceRules, KYRRULESTYPE_VQTRACESPEC);
@@ -123,6 +125,7 @@ void initFields(Kyr* kyr) {
 // routing version is not among them: it holds a reference of its own, so kyrDestroy2 has
 // released it before the count can reach zero.
 void kyrHandleFree(Kyr* kyr) {
+  hmHealthMonitorDelete(kyr->healthMonitor);
   kyrListDestroy(kyr->contextPool);
   kyrListDestroy(kyr->connectorGroupList);
   kyrServerProcessDelete(kyr->serverProcess);

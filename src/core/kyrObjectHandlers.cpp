@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+#include "core/kyrHealthRows.h"
 #include "core/kyrMappingRows.h"
 #include "core/kyrRoutingData.h"
 #include "core/kyrRuleRows.h"
@@ -48,7 +49,7 @@ const ObjectHandler* const kObjectHandlers[] = {
     &kCellRow,      &kNodeRow,       &kServerRow,      &kServerApplicationRow,
     &kTransportRow, &kClusterRow,    &kApplicationRow, &kWebModuleRow,
     &kUriRow,       &kVHostGroupRow, &kVHostRow,       &kWebRouteWorkClassRow,
-    &kRuleRow,      &kRuleSetRow,
+    &kRuleRow,      &kRuleSetRow,    &kHealthPolicyRow,
 };
 
 const RelationshipHandler kRelationshipHandlers[] = {
@@ -56,6 +57,7 @@ const RelationshipHandler kRelationshipHandlers[] = {
     {"cluster:webModule", linkClusterWebModule},
     {"vHostGroup:webModule", linkVHostGroupWebModule},
     {"server:webModule", linkServerWebModule},
+    {"server:healthPolicy", linkServerHealthPolicy},
 };
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include "connector/kyrConnectorGroup.h"
 #include "core/kyr.h"
 #include "core/kyrRoutingInfo.h"
+#include "health/hmHealthMonitor.h"
 #include "ipc/kyrClientProcess.h"
 #include "ipc/kyrMessage.h"
 #include "ipc/kyrServerProcess.h"
@@ -167,8 +168,10 @@ int kyrServerProcessHandleMessage(Kyr* kyr, KyrMessage* msg, int fd) {
     case MT_C2S_JSON:
       if (msg->body != nullptr) routeChangeFromClient(kyr, msg);
       break;
+    case MT_CLIENT_TO_SERVER_HEALTH_TRIGGER:
+      hmServerProcessHandleMessage(kyr, msg->body, static_cast<size_t>(msg->hdr.len), fd);
+      break;
     default:
-      // Health triggers wait for the health monitor; anything else is not for the server.
       break;
   }
   trTrace(kyr->trCtx, kyr->ipcProcessRec, TR_LEVEL_DEBUG,
@@ -178,6 +181,7 @@ int kyrServerProcessHandleMessage(Kyr* kyr, KyrMessage* msg, int fd) {
 
 void kyrServerProcessClientGone(Kyr* kyr, int fd) {
   trDebug(kyr->trCtx, kyr->ipcProcessRec, "kyrServerProcessClientGone: fd=%d\n", fd);
+  hmClientProcessCleanup(kyr, fd);
 }
 
 int kyrClientProcessHandleMessage(Kyr* kyr, KyrMessage* msg) {

@@ -15,6 +15,7 @@
 #include "core/kyrObjectHandlers.h"
 #include "core/kyrProcessMessages.h"
 #include "core/kyrStoredDocument.h"
+#include "health/hmHealthMonitor.h"
 #include "mapping/kyrRequestMapper.h"
 #include "runtime/kyrLibUtil.h"
 #include "runtime/kyrUtil.h"
@@ -566,6 +567,7 @@ int64_t kyrHandleJson(json_t* doc, const char* docText, KyrConnector* c) {
     // request goes; a fresh one lets that memory go. In a server process the switch sends
     // everything to the clients, which rebuild too.
     if (pi.resetRoutingInfo || kyrRoutingInfoRetiredTooMuch(ri)) {
+      if (pi.resetRoutingInfo) hmResetInfo(kyr);
       kyrResetRoutingInfo(kyr);
     } else if (kyrIsServerProcess(kyr)) {
       DocumentText text(doc, docText);

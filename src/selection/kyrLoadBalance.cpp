@@ -4,6 +4,7 @@
 #include <string>
 
 #include "connector/kyrConnector.h"
+#include "health/hmHealthMonitor.h"
 #include "request/kyrHttpContext.h"
 #include "selection/kyrTargetSelector.h"
 #include "trace/trWrite.h"
@@ -139,7 +140,7 @@ void tsTargetInfoDecrementRefCnt(KyrHttpContext* ctx) {
   kyrHttpContextResetMyTargetInfo(ctx);
 }
 
-int tsServerApplicationDecrementOutstandingRequestCount(KyrHttpContext*,
+int tsServerApplicationDecrementOutstandingRequestCount(KyrHttpContext* ctx,
                                                         TargetServerApplication* sapp, KyrTime now,
                                                         KyrTime serviceTime, bool timeout) {
   TargetServer* server = sapp->server;
@@ -154,9 +155,12 @@ int tsServerApplicationDecrementOutstandingRequestCount(KyrHttpContext*,
     KyrTime avg = timeout || serviceTime == unset
                       ? unset
                       : kyrAvgCalcAddSample(&server->avgResponseTimeCalc, now, serviceTime);
-    kyrTimeoutCalcAddSample(&server->timeoutCalc, now, timeout);
+    long pct = kyrTimeoutCalcAddSample(&server->timeoutCalc, now, timeout);
     // Stored under the lock: the state dumps read it there.
     if (avg != unset) serverUpdateAvgResponseTime(server, avg);
+    if (avg != unset || pct != -1) {
+      hmCheckHealthPolicies(server->selector->kyr, ctx, server, server->healthPolicies, avg, pct);
+    }
   }
   // An application that stopped being routable while requests were still out is reported to
   // its publisher once the last of them is done.

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "core/kyrRoutingInfo.h"
+#include "health/hmHealthPolicy.h"
 #include "runtime/kyrLibUtil.h"
 #include "runtime/kyrPublish.h"
 #include "runtime/kyrUtil.h"
@@ -311,6 +312,12 @@ bool tsClusterSetPropBool(Cluster* cluster, const char* name, bool value) {
 }
 
 // ---- Links ---------------------------------------------------------------------------------
+
+void tsLinkServerToHealthPolicy(TargetServer* server, HealthPolicy* policy, bool add) {
+  if (server == nullptr || policy == nullptr) return;
+  KyrLockGuard guard(server->selector->lock, "tsLinkServerToHealthPolicy");
+  hmLinkServerToHealthPolicy(server->selector->kyr, server, server->healthPolicies, policy, add);
+}
 
 bool tsLinkClusterServer(Cluster* cluster, TargetServer* server, bool add) {
   TargetSelector* ts = cluster->selector;

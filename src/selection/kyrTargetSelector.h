@@ -37,6 +37,8 @@ enum MaintenanceMode { NormalMM = 0, AffinityMM = 1, BreakMM = 2 };
 // application, endpoint, server) holds one on its parent (server, server, node) so that the
 // routing data may delete objects in any order. All counts are guarded by the selector lock.
 
+struct HealthPolicy;
+
 struct TargetNode {
   char* name;
   int refcnt;
@@ -106,6 +108,7 @@ struct TargetServer {
   struct Cluster* cluster;
   KyrList* linkRequests;        // of LinkServerToWebModuleRequest, owning
   KyrList* serverApplications;  // of TargetServerApplication, not owning
+  KyrList* healthPolicies;      // of HealthPolicyLink, owning
   KyrTime avgResponseTime;
   KyrAvgCalc avgResponseTimeCalc;
   KyrTimeoutCalc timeoutCalc;
@@ -263,6 +266,8 @@ VirtualCluster* tsVirtualClusterCreate(TargetSelector* ts, WebModule* webModule,
                                        const char* moduleName);
 void tsVirtualClusterDelete(VirtualCluster* vc);
 bool tsLinkClusterServer(Cluster* cluster, TargetServer* server, bool add);
+// Under the selector lock: the server's link to the policy, made or dropped.
+void tsLinkServerToHealthPolicy(TargetServer* server, HealthPolicy* policy, bool add);
 // The module link by names: the relationship handler passes the web module's name and its
 // application's simple name. A link to a server application not created yet is kept and
 // retried when that application becomes routable.

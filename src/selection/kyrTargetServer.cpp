@@ -3,6 +3,8 @@
 // endpoint host objects, selectability, connect back-off and response-time calculators.
 #include <cstring>
 
+#include "health/hmHealthMonitor.h"
+#include "health/hmHealthPolicy.h"
 #include "runtime/kyrLibUtil.h"
 #include "runtime/kyrPublish.h"
 #include "runtime/kyrUtil.h"
@@ -62,8 +64,12 @@ void setStateLocked(TargetServer* server, const char* state) {
     serverRecomputeSelectability(server);
     if (server->started) initRetry(server);
   }
-  // A server that is not running starts its measurements afresh when it comes back.
-  if (!server->started) initCalculators(server);
+  // A server that is not running is no longer slow: its policies are told so, and it starts
+  // its measurements afresh when it comes back.
+  if (!server->started) {
+    hmCheckHealthPolicies(server->selector->kyr, nullptr, server, server->healthPolicies, 0, 0);
+    initCalculators(server);
+  }
 }
 
 }  // namespace
@@ -102,6 +108,7 @@ TargetServer* tsServerCreate(TargetNode* node, const char* name, KyrConnector* c
   for (KyrList*& list : server->endPoints) list = kyrListCreate(nullptr);
   server->linkRequests = kyrListCreate(linkServerToWebModuleRequestDelete);
   server->serverApplications = kyrListCreate(nullptr);
+  server->healthPolicies = kyrListCreate(hmHealthPolicyLinkDelete);
   {
     KyrLockGuard guard(ts->lock, "tsServerCreate");
     tsNodeObtainRef(node);
@@ -143,6 +150,7 @@ void tsServerFree(TargetServer* server) {
   trDebug(ts->trCtx, ts->controlRec, "serverDelete: %s\n", server->name);
   kyrListDestroy(server->linkRequests);
   kyrListDestroy(server->serverApplications);
+  kyrListDestroy(server->healthPolicies);
   // Applications and endpoints hold a reference on the server, so none is left here: either
   // they went first or the whole version is being deleted, which frees them first.
   for (KyrList* list : server->endPoints) kyrListDestroy(list);

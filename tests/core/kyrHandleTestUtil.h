@@ -26,7 +26,7 @@ inline Kyr* quietHandle(TestHost& host) {
 // How many captured lines read exactly `text` once formatted.
 inline int countPrinted(const std::string& text) {
   int n = 0;
-  for (const auto& line : printed()) n += line.text == text;
+  for (const auto& line : printedLines()) n += line.text == text;
   return n;
 }
 

@@ -4,6 +4,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,18 @@ inline std::vector<Printed>& printed() {
   return lines;
 }
 
+// Library threads (the worker, transport threads) print while a test reads: both sides take
+// this lock, and readers work on a copy.
+inline std::mutex& printedLock() {
+  static std::mutex lock;
+  return lock;
+}
+
+inline std::vector<Printed> printedLines() {
+  std::lock_guard<std::mutex> guard(printedLock());
+  return printed();
+}
+
 inline std::string orEmpty(const char* s) { return s != nullptr ? s : "(null)"; }
 
 inline void capturePrintf(TrContext* context, va_list args) {
@@ -34,12 +47,13 @@ inline void capturePrintf(TrContext* context, va_list args) {
     vsnprintf(buffer, sizeof buffer, format, args);
     line.text = buffer;
   }
+  std::lock_guard<std::mutex> guard(printedLock());
   printed().push_back(line);
 }
 
 // Whether any printed line contains the text.
 inline bool printedContains(const std::string& needle) {
-  for (const auto& line : printed()) {
+  for (const auto& line : printedLines()) {
     if (line.text.find(needle) != std::string::npos) return true;
   }
   return false;
