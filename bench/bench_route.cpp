@@ -6,7 +6,9 @@
 // edition. "affinity" requests carry a session cookie naming a member; "balance" requests carry
 // none.
 #include <benchmark/benchmark.h>
+#include <jansson.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -16,8 +18,10 @@
 #include "connector/kyrConnector.h"
 #include "connector/kyrConnectorGroup.h"
 #include "core/kyr.h"
+#include "core/kyrRoutingInfo.h"
 #include "kyrlib.h"
 #include "runtime/kyrLibUtil.h"
+#include "selection/kyrTargetSelector.h"
 
 // The benchmark host's request: what the callbacks below answer. Shared read-only by threads.
 struct EnvHttpContext {
@@ -59,10 +63,45 @@ char* getResponseHeader(EnvHttpContext* r, char* name) {
   return strcmp(name, "Set-Cookie") == 0 ? r->setCookie.data() : nullptr;
 }
 
+// The generated cell with a response-time and a time-out policy linked to every server, at
+// thresholds a healthy cell stays below.
+std::string cellWithHealthPolicies() {
+  json_t* doc = json_loads(kyrtools::completeDocument(kShape).c_str(), 0, nullptr);
+  json_t* add = json_object_get(doc, "add");
+  json_t* objects = json_object_get(add, "objects");
+  if (!json_is_array(objects)) {  // a single object stands for an array of one
+    objects = json_pack("[O]", objects);
+    json_object_set_new(add, "objects", objects);
+  }
+  json_t* links = json_array();
+  const char* policies[][3] = {{"/healthPolicy/slow", "ExcessiveResponseTime", "1000"},
+                               {"/healthPolicy/flaky", "ExcessiveRequestTimeout", "50"}};
+  for (const auto& p : policies) {
+    json_array_append_new(
+        objects, json_pack("{s:s,s:s,s:{s:s,s:i}}", "type", "healthPolicy", "name", p[0], "props",
+                           "type", p[1], "threshold", atoi(p[2])));
+    for (int i = 0; i < kShape.clusters * kShape.serversPerCluster; ++i) {
+      json_array_append_new(
+          links, json_pack("{s:s,s:s}", "server", kyrtools::serverName(kShape, i).c_str(),
+                           "healthPolicy", p[0]));
+    }
+  }
+  json_object_set_new(json_object_get(add, "relationships"), "server:healthPolicy", links);
+  char* text = json_dumps(doc, JSON_COMPACT);
+  std::string out = text;
+  free(text);
+  json_decref(doc);
+  return out;
+}
+
 // A started handle holding the generated cell. Its state is set directly: released contexts go
 // back to the pool as in a running host, and no publisher is contacted.
-Kyr* routingKyr() {
-  static Kyr* kyr = [] {
+Kyr* routingKyr(bool healthPolicies) {
+  static Kyr* plain = nullptr;
+  static Kyr* withPolicies = nullptr;
+  Kyr*& kyr = healthPolicies ? withPolicies : plain;
+  if (kyr != nullptr) return kyr;
+  kyr = [healthPolicies] {
     EnvCallBacks env = kyrbench::quietCallbacks();
     auto& rq = env.http.request;
     rq.getPath = getPath;
@@ -80,7 +119,9 @@ Kyr* routingKyr() {
     KyrConnector* c = kyrConnectorCreate(kyrConnectorGroupCreate(k, "cg"), "http://p:1");
     c->cg->curConnector = c;
     kyr::ControlLockGuard guard("bench");
-    kyrHandleJsonFromRestService(kyrtools::completeDocument(kShape).c_str(), c);
+    std::string cell =
+        healthPolicies ? cellWithHealthPolicies() : kyrtools::completeDocument(kShape);
+    kyrHandleJsonFromRestService(cell.c_str(), c);
     k->state = STARTED;
     return k;
   }();
@@ -117,8 +158,18 @@ bool routeOne(Kyr* kyr, EnvHttpContext* request) {
   return routed;
 }
 
-void BM_RouteRequest(benchmark::State& state, bool affinity) {
-  Kyr* kyr = routingKyr();
+int policiesOfFirstServer(Kyr* kyr) {
+  kyr::KyrRoutingInfo* ri = kyr::kyrRoutingInfoObtain(kyr);
+  auto* server = static_cast<kyr::TargetServer*>(
+      kyr::kyrRoutingInfoObjectGet(ri, kyrtools::serverName(kShape, 0).c_str()));
+  int count = server != nullptr ? kyr::kyrListGetCount(server->healthPolicies) : -1;
+  kyr::kyrRoutingInfoRelease(ri);
+  return count;
+}
+
+void BM_RouteRequest(benchmark::State& state, bool affinity, bool healthPolicies = false) {
+  Kyr* kyr = routingKyr(healthPolicies);
+  if (healthPolicies && policiesOfFirstServer(kyr) != 2) state.SkipWithError("policies not linked");
   std::vector<EnvHttpContext> reqs = requests(affinity);
   for (auto& r : reqs) {
     if (!routeOne(kyr, &r)) state.SkipWithError(("not routed: " + r.path).c_str());
@@ -137,5 +188,8 @@ void BM_RouteRequest(benchmark::State& state, bool affinity) {
 }
 BENCHMARK_CAPTURE(BM_RouteRequest, affinity, true)->Threads(1)->Threads(2)->UseRealTime();
 BENCHMARK_CAPTURE(BM_RouteRequest, balance, false)->Threads(1)->Threads(2)->UseRealTime();
+// The same cell with health policies linked to every server: completion checks them.
+BENCHMARK_CAPTURE(BM_RouteRequest, affinity_healthPolicies, true, true)->UseRealTime();
+BENCHMARK_CAPTURE(BM_RouteRequest, balance_healthPolicies, false, true)->UseRealTime();
 
 }  // namespace
