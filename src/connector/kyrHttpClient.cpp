@@ -25,10 +25,10 @@ namespace {
 
 constexpr size_t kBufferSize = 2048;
 // No routing document comes near this; a publisher that claims more is broken or lying.
-constexpr size_t kMaxBodySize = 256 * 1024 * 1024;
+constexpr size_t kMaxBodySize = size_t{256} * 1024 * 1024;
 // A chunk is received in pieces of at most this much, so memory grows with what arrives and
 // not with what a chunk's size line claims.
-constexpr size_t kChunkPieceSize = 1024 * 1024;
+constexpr size_t kChunkPieceSize = size_t{1024} * 1024;
 
 // What has been received of one response; the buffer is the request's stack buffer.
 struct InputStream {

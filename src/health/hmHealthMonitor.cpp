@@ -38,8 +38,6 @@ struct OwnedTrigger {
   std::string policy, server, group, url;
 };
 
-void* fdAsObject(int fd) { return reinterpret_cast<void*>(static_cast<intptr_t>(fd)); }
-
 void holdersDelete(void* object) {
   auto* holders = static_cast<TriggerHolders*>(object);
   kyrListDestroy(holders->fds);
@@ -216,7 +214,7 @@ int hmServerProcessHandleMessage(Kyr* kyr, const char* body, size_t length, int 
         kyrHashPut(hm->triggeredPolicyMap, holders->key.c_str(), holders);
       }
       bool first = kyrListIsEmpty(holders->fds);
-      send = kyrListAddUnique(holders->fds, fdAsObject(fd)) && first;
+      send = kyrListAddUnique(holders->fds, kyrIntAsObject(fd)) && first;
       if (!send) {
         trDebug(hm->trCtx, hm->debugCtl,
                 "hmServerProcessHandleMessage not sending JSON trigger request, not first child\n");
@@ -224,7 +222,7 @@ int hmServerProcessHandleMessage(Kyr* kyr, const char* body, size_t length, int 
     } else {
       // An untrigger nobody holds (forgotten by a reset) still goes out: the publisher may
       // hold it.
-      if (holders != nullptr) kyrListRemoveObject(holders->fds, fdAsObject(fd));
+      if (holders != nullptr) kyrListRemoveObject(holders->fds, kyrIntAsObject(fd));
       send = holders == nullptr || kyrListIsEmpty(holders->fds);
       if (!send) {
         trDebug(
@@ -250,7 +248,7 @@ void hmClientProcessCleanup(Kyr* kyr, int fd) {
     KyrHashIterator hi;
     for (kyrHashIteratorStart(hm->triggeredPolicyMap, &hi); kyrHashNext(&hi) != nullptr;) {
       auto* holders = static_cast<TriggerHolders*>(kyrHashThisVal(&hi));
-      if (kyrListRemoveObject(holders->fds, fdAsObject(fd)) && kyrListIsEmpty(holders->fds)) {
+      if (kyrListRemoveObject(holders->fds, kyrIntAsObject(fd)) && kyrListIsEmpty(holders->fds)) {
         untriggers.push_back(untriggerOf(*holders));
         emptied.push_back(holders->key);
       }

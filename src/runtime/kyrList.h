@@ -3,6 +3,8 @@
 // that fail for lack of memory. Not thread-safe: owners lock around it.
 #pragma once
 
+#include <cstdint>
+
 namespace kyr {
 
 using KyrDestructorFcn = void (*)(void* object);
@@ -19,6 +21,15 @@ struct KyrList {
   KyrListEle* tail;
   int count;
 };
+
+// Lists of small numbers (descriptors, process ids) keep each number in its object pointer.
+inline void* kyrIntAsObject(int value) {
+  return reinterpret_cast<void*>(
+      static_cast<intptr_t>(value));  // NOLINT(performance-no-int-to-ptr)
+}
+inline int kyrObjectAsInt(const void* object) {
+  return static_cast<int>(reinterpret_cast<intptr_t>(object));
+}
 
 KyrList* kyrListCreate(KyrDestructorFcn destructor);
 void kyrListDestroy(KyrList* list);
