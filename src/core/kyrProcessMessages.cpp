@@ -3,6 +3,8 @@
 // applies; a client builds a fresh version from a full send and switches to it at the end.
 #include "core/kyrProcessMessages.h"
 
+#include <sys/socket.h>
+
 #include <cstdint>
 #include <cstdlib>
 
@@ -20,10 +22,13 @@
 namespace kyr {
 namespace {
 
-// The client processes (by pid) that report a server application routable.
+// The client processes (by pid) that report a server application routable, and the connector
+// the first report came through (by name: it may be gone by the time a client leaves).
 struct SappEntry {
   char* name;  // the map's key
   KyrList* pids;
+  char* groupName;
+  char* connectorURL;
 };
 
 void* pidAsObject(int pid) { return reinterpret_cast<void*>(static_cast<intptr_t>(pid)); }
@@ -36,14 +41,40 @@ void sendToClients(Kyr* kyr, KyrMessage* msg, int fd) {
   }
 }
 
-SappEntry* sappEntryFor(Kyr* kyr, const char* name) {
+SappEntry* sappEntryFor(Kyr* kyr, KyrConnector* c, const char* name) {
   auto* entry = static_cast<SappEntry*>(kyrHashGet(kyr->sappMap, name));
   if (entry != nullptr) return entry;
   entry = kyrNew<SappEntry>();
   entry->name = kyrStrdup(name);
   entry->pids = kyrListCreate(nullptr);
+  entry->groupName = kyrStrdup(c->cg->name);
+  entry->connectorURL = kyrStrdup(c->URL);
   kyrHashPut(kyr->sappMap, entry->name, entry);
   return entry;
+}
+
+KyrConnector* connectorOf(Kyr* kyr, const SappEntry* entry) {
+  KyrConnectorGroup* cg = kyrFindConnectorGroup(kyr, entry->groupName);
+  return cg != nullptr ? kyrConnectorGroupFindConnector(cg, entry->connectorURL) : nullptr;
+}
+
+// A client that went away holds no route any more: one only it still held is routable nowhere
+// now. Its reports carried its pid, and the socket's peer is that same process.
+void withdrawRoutesOfPeer(Kyr* kyr, int fd) {
+  ucred peer{};
+  socklen_t length = sizeof peer;
+  if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0 || peer.pid <= 0) return;
+  KyrHashIterator it;
+  kyrHashIteratorStart(kyr->sappMap, &it);
+  while (kyrHashNext(&it) != nullptr) {
+    auto* entry = static_cast<SappEntry*>(kyrHashThisVal(&it));
+    if (entry == nullptr || !kyrListRemoveObject(entry->pids, pidAsObject(peer.pid)) ||
+        !kyrListIsEmpty(entry->pids)) {
+      continue;
+    }
+    KyrConnector* c = connectorOf(kyr, entry);
+    if (c != nullptr) kyrConnectorPostRoutingChange(c, entry->name, false);
+  }
 }
 
 // A publisher hears that an application is routable once every client process routes to it,
@@ -54,7 +85,7 @@ void sappMapProcessing(Kyr* kyr, KyrConnector* c, json_t* doc, int pid) {
   json_t* name;
   json_array_foreach(json_object_get(doc, "addRoutes"), i, name) {
     if (!json_is_string(name)) continue;
-    SappEntry* entry = sappEntryFor(kyr, json_string_value(name));
+    SappEntry* entry = sappEntryFor(kyr, c, json_string_value(name));
     if (kyrListAddUnique(entry->pids, pidAsObject(pid)) &&
         kyrListGetCount(entry->pids) == clients) {
       kyrConnectorPostRoutingChange(c, entry->name, true);
@@ -122,6 +153,8 @@ void kyrSappEntryDelete(void* object) {
   auto* entry = static_cast<SappEntry*>(object);
   kyrListDestroy(entry->pids);
   kyrFree(entry->name);
+  kyrFree(entry->groupName);
+  kyrFree(entry->connectorURL);
   kyrDelete(entry);
 }
 
@@ -181,6 +214,7 @@ int kyrServerProcessHandleMessage(Kyr* kyr, KyrMessage* msg, int fd) {
 
 void kyrServerProcessClientGone(Kyr* kyr, int fd) {
   trDebug(kyr->trCtx, kyr->ipcProcessRec, "kyrServerProcessClientGone: fd=%d\n", fd);
+  withdrawRoutesOfPeer(kyr, fd);
   hmClientProcessCleanup(kyr, fd);
 }
 

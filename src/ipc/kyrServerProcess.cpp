@@ -51,12 +51,13 @@ void dropClient(KyrServerProcess* sp, int fd) {
     KyrLockGuard guard(sp->clientSocketListLock, "dropClient");
     kyrListFindAndRemove(sp->clientSocketList, fdAsObject(fd));
   }
+  // Before the close: the library asks the socket which process was on the other end.
+  kyrServerProcessClientGone(sp->process.kyr, fd);
   {
     // Not while a broadcast writes to it: the number could be reused at once.
     KyrLockGuard guard(sp->process.lock, "dropClient");
     close(fd);
   }
-  kyrServerProcessClientGone(sp->process.kyr, fd);
 }
 
 bool acceptClient(KyrServerProcess* sp) {
