@@ -1,123 +1,304 @@
-// Several worker processes sharing one model: a server process fed by a loopback publisher and
-// client processes forked from the test, talking over a unix-domain socket in a temporary
-// directory. Each child reports what it routes through a pipe and ends with _exit.
+// Several worker processes sharing one model: client processes (and the server process, where
+// a test kills it) forked from the test, talking over a unix-domain socket in a temporary
+// directory; the server process is fed by a loopback publisher. Raw connections stand in for
+// client processes where a test needs to say exactly what a client sends.
+#include <grp.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
-#include <cstdlib>
+#include <algorithm>
 #include <functional>
+#include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
-#include "support/kyrTestHost.h"
-#include "support/publisherStub.h"
+#include "ipc/ipcTestSupport.h"
+#include "ipc/kyrMessage.h"
 #include "support/testData.h"
 
 namespace {
 
-using kyrtest::eventually;
+using namespace kyrtest;
 
-// A forked child running body(); what it writes to its pipe comes back through result().
-class Child {
- public:
-  explicit Child(const std::function<std::string()>& body) {
-    int fds[2];
-    if (pipe(fds) != 0) return;
-    pid_ = fork();
-    if (pid_ == 0) {
-      close(fds[0]);
-      std::string out = body();
-      (void)!write(fds[1], out.data(), out.size());
-      _exit(0);
-    }
-    close(fds[1]);
-    fd_ = fds[0];
+constexpr const char* kStarted = "STARTING starting, STARTED child process started";
+
+// A publisher serving cell-routing.json, client processes forked before the test process has a
+// handle of its own, and (once started) a server process in the test process.
+class MultiProcess : public ::testing::Test {
+ protected:
+  ~MultiProcess() override { kyrDestroy(server_); }
+  void SetUp() override {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "ThreadSanitizer does not let a child of a threaded process start threads";
+#endif
   }
-  ~Child() {
-    if (pid_ > 0) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
+
+  void forkClients(int count) {
+    for (int i = 0; i < count; ++i) {
+      clients_.push_back(std::make_unique<Child>(
+          [path = dir_.path()](Child::Link& link) { runClientProcess(link, path); }));
     }
-    if (fd_ >= 0) close(fd_);
   }
-  // Everything the child wrote until it ended (bounded by the time limit).
-  std::string result(std::chrono::seconds within = std::chrono::seconds(20)) {
-    std::string out;
-    auto deadline = std::chrono::steady_clock::now() + within;
-    char buf[256];
-    while (std::chrono::steady_clock::now() < deadline) {
-      pollfd p{fd_, POLLIN, 0};
-      if (poll(&p, 1, 100) != 1) continue;
-      ssize_t n = read(fd_, buf, sizeof buf);
-      if (n <= 0) break;
-      out.append(buf, static_cast<size_t>(n));
+  std::unique_ptr<Child> forkServer() {
+    return std::make_unique<Child>([path = dir_.path(), url = publisher_.url()](Child::Link& link) {
+      runServerProcess(link, path, url);
+    });
+  }
+  void startServer(uid_t socketUid = getuid()) {
+    host_.env.trace.printf = nullptr;
+    server_ = host_.create();
+    connector_ =
+        kyrConnectorCreate(kyrConnectorGroupCreate(server_, kGroup), publisher_.url().c_str());
+    ASSERT_EQ(kyrMarkAsServerProcess(server_, dir_.path().c_str(), socketUid), 0);
+    ASSERT_EQ(kyrStart(server_, -1), 0);
+    ASSERT_TRUE(eventually([&] { return kyrGetState(server_) == STARTED; }, kStepWait));
+  }
+  int connectedClients() { return kyrServerProcessGetClientCount(kyrGetServerProcess(server_)); }
+
+  void expectClientsStarted() {
+    for (auto& client : clients_) {
+      EXPECT_EQ(client->report(), "starting");
+      EXPECT_EQ(client->ask("started"), kStarted);
     }
+  }
+  // Each client routes the probes as given, asked again while it does not (yet).
+  void expectClientsRoute(const std::string& expected) {
+    for (auto& client : clients_) EXPECT_EQ(client->askUntil("route", expected), expected);
+  }
+  // Pushes the delta and waits until the server process's decisions change; the new ones.
+  std::string pushAndAwait(const std::string& delta, const std::function<std::string()>& routed) {
+    std::string before = routed();
+    publisher_.pushDelta(delta);
+    std::string after = before;
+    EXPECT_TRUE(eventually([&] { return (after = routed()) != before; }, kStepWait));
+    return after;
+  }
+
+  SocketDir dir_;
+  Publisher publisher_{readTestData("cell-routing.json")};
+  TestHost host_;
+  Kyr* server_ = nullptr;
+  KyrConnector* connector_ = nullptr;
+  std::vector<std::unique_ptr<Child>> clients_;
+};
+
+TEST_F(MultiProcess, ClientProcessesStartFromTheServerAndRouteEveryRequestAsItDoes) {
+  forkClients(3);
+  startServer();
+  expectClientsStarted();
+  std::string expected = decisions(server_);
+  ASSERT_NE(expected.find("/server/s2 h2.example.com:9080"), std::string::npos) << expected;
+  expectClientsRoute(expected);
+}
+
+TEST_F(MultiProcess, ADeltaAtThePublisherReachesEveryClient) {
+  forkClients(3);
+  startServer();
+  expectClientsStarted();
+  expectClientsRoute(decisions(server_));
+  std::string stopped = pushAndAwait(portalState("STOPPED"), [&] { return decisions(server_); });
+  expectClientsRoute(stopped);
+}
+
+TEST_F(MultiProcess, ClientsRouteOnWhileTheServerIsDownAndFollowItOnceItIsBack) {
+  forkClients(2);
+  std::unique_ptr<Child> server = forkServer();
+  ASSERT_EQ(server->report(), "started");
+  expectClientsStarted();
+  std::string held = server->ask("route");
+  expectClientsRoute(held);
+
+  server->kill();
+  // Over a few of their one-second reconnect attempts, the clients answer from what they hold.
+  for (int round = 0; round < 3; ++round) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    for (auto& client : clients_) EXPECT_EQ(client->ask("route"), held);
+  }
+
+  server = forkServer();
+  ASSERT_EQ(server->report(), "started");
+  ASSERT_EQ(server->askUntil("clients", "2"), "2");
+  std::string stopped = pushAndAwait(portalState("STOPPED"), [&] { return server->ask("route"); });
+  expectClientsRoute(stopped);
+}
+
+TEST_F(MultiProcess, AClientStartedBeforeTheServerWaitsForTheSocketThenStarts) {
+  forkClients(1);
+  Child& client = *clients_[0];
+  ASSERT_EQ(client.report(), "starting");
+  // Two of its one-second attempts find no socket.
+  std::this_thread::sleep_for(std::chrono::milliseconds(2100));
+  EXPECT_EQ(client.ask("state"), "STARTING");
+  startServer();
+  EXPECT_EQ(client.ask("started"), kStarted);
+  expectClientsRoute(decisions(server_));
+}
+
+// ---- Route agreement -------------------------------------------------------------------------
+
+// As far as route agreement goes, a client process: a connection that sends each command line
+// it gets as an MT_C2S_JSON body, in a frame stamped with its own pid.
+void runReporter(Child::Link& link, const std::string& socketPath) {
+  int fd = connectTo(socketPath);
+  link.report(fd >= 0 ? "connected" : "refused");
+  for (std::string body = link.command(); !body.empty(); body = link.command()) {
+    KyrMessage msg = kyr::kyrMessageWithText(MT_C2S_JSON, body.c_str());
+    link.report(kyr::writeMessage(fd, &msg) == 0 ? "sent" : "failed");
+  }
+  close(fd);
+}
+
+class RouteAgreement : public MultiProcess {
+ protected:
+  void SetUp() override {
+    MultiProcess::SetUp();
+    if (IsSkipped()) return;
+    ASSERT_NO_FATAL_FAILURE(startServer());
+    url_ = kyrConnectorGetURL(connector_);
+    for (auto* reporter : {&a_, &b_}) {
+      *reporter = std::make_unique<Child>(
+          [path = dir_.path()](Child::Link& link) { runReporter(link, path); });
+      ASSERT_EQ((*reporter)->report(), "connected");
+    }
+    ASSERT_TRUE(eventually([&] { return connectedClients() == 2; }, kStepWait));
+  }
+
+  // What a client process sends when routes of the group's connector change.
+  std::string routes(const std::vector<std::string>& add, const std::vector<std::string>& del) {
+    json_t* doc = json_object();
+    json_object_set_new(doc, "connectorGroupName", json_string(kGroup));
+    json_object_set_new(doc, "connectorURL", json_string(url_.c_str()));
+    for (auto [key, names] : {std::pair{"addRoutes", &add}, std::pair{"delRoutes", &del}}) {
+      if (names->empty()) continue;
+      json_t* array = json_array();
+      for (const auto& name : *names) json_array_append_new(array, json_string(name.c_str()));
+      json_object_set_new(doc, key, array);
+    }
+    char* text = json_dumps(doc, JSON_COMPACT);
+    std::string out = text;
+    free(text);
+    json_decref(doc);
     return out;
   }
+  // Waits until the publisher heard (at least) the events, whose order is not kept: route changes
+  // that the server posts one after the other may overtake one another. Whether it heard them
+  // and nothing else.
+  void expectHeard(std::vector<std::string> expected) {
+    std::sort(expected.begin(), expected.end());
+    std::vector<std::string> events;
+    eventually(
+        [&] {
+          events = routeEvents(publisher_, "/agree/");
+          std::sort(events.begin(), events.end());
+          return std::includes(events.begin(), events.end(), expected.begin(), expected.end());
+        },
+        kStepWait);
+    EXPECT_EQ(events, expected);
+  }
 
- private:
-  pid_t pid_ = -1;
-  int fd_ = -1;
+  std::string url_;
+  std::unique_ptr<Child> a_;
+  std::unique_ptr<Child> b_;
 };
 
-// A socket path in a directory of its own, removed with everything in it at the end.
-class SocketDir {
- public:
-  SocketDir() {
-    char dir[] = "/tmp/kyripc.XXXXXX";
-    if (mkdtemp(dir) != nullptr) dir_ = dir;
-  }
-  ~SocketDir() {
-    unlink(path().c_str());
-    rmdir(dir_.c_str());
-  }
-  std::string path() const { return dir_ + "/kyr.sock"; }
+// A name no client ever reported is withdrawn at once, which also marks how far the server got:
+// what one report decides is posted together, with the withdrawal it carries.
+TEST_F(RouteAgreement, APublisherHearsOfARouteOnceEveryClientHasItAndOfItsEndOnceNoneHas) {
+  ASSERT_EQ(a_->ask(routes({"/agree/one", "/agree/both"}, {"/agree/mark1"})), "sent");
+  expectHeard({"del /agree/mark1"});
 
- private:
-  std::string dir_;
-};
+  ASSERT_EQ(b_->ask(routes({"/agree/both"}, {})), "sent");
+  ASSERT_EQ(b_->ask(routes({"/agree/both"}, {"/agree/mark2"})), "sent");
+  expectHeard({"del /agree/mark1", "add /agree/both", "del /agree/mark2"});
 
-int handles(Kyr* kyr, const char* path) {
-  EnvHttpContext request;
-  request.path = path;
-  KyrHttpContext* ctx = kyrHttpContextObtain(kyr, &request);
-  int handled = kyrHttpContextShouldHandle(ctx);
-  kyrHttpContextRelease(ctx);
-  return handled;
+  ASSERT_EQ(a_->ask(routes({}, {"/agree/both", "/agree/mark3"})), "sent");
+  expectHeard({"del /agree/mark1", "add /agree/both", "del /agree/mark2", "del /agree/mark3"});
+  ASSERT_EQ(b_->ask(routes({}, {"/agree/both"})), "sent");
+  expectHeard({"del /agree/mark1", "add /agree/both", "del /agree/mark2", "del /agree/mark3",
+               "del /agree/both"});
 }
 
-// A client process: same group as the server, started, routed once it has everything.
-std::string clientRun(const std::string& socketPath) {
-  kyrtest::TestHost host;
-  host.env.trace.printf = nullptr;
-  Kyr* kyr = host.create();
-  kyrConnectorGroupCreate(kyr, "cg");
-  if (kyrMarkAsClientProcess(kyr, socketPath.c_str()) != 0) return "mark failed";
-  kyrStart(kyr, -1);
-  if (!eventually([&] { return kyrGetState(kyr) == STARTED; })) return "not started";
-  std::string out = "started " + std::to_string(handles(kyr, "/shop/cart"));
-  kyrDestroy(kyr);
-  return out;
+TEST_F(RouteAgreement, AClientThatWentAwayNoLongerHoldsTheRoutesItReported) {
+  ASSERT_EQ(a_->ask(routes({"/agree/shared"}, {})), "sent");
+  ASSERT_EQ(b_->ask(routes({"/agree/shared"}, {})), "sent");
+  expectHeard({"add /agree/shared"});
+  b_->kill();
+  ASSERT_TRUE(eventually([&] { return connectedClients() == 1; }, kStepWait));
+  ASSERT_EQ(a_->ask(routes({}, {"/agree/shared"})), "sent");
+  expectHeard({"add /agree/shared", "del /agree/shared"});
 }
 
-TEST(MultiProcess, ClientProcessesReceiveTheServersModelAndRouteWithIt) {
-  SocketDir dir;
-  std::string socketPath = dir.path();
-  std::vector<std::unique_ptr<Child>> clients;
-  for (int i = 0; i < 3; ++i) {
-    clients.push_back(std::make_unique<Child>([&] { return clientRun(socketPath); }));
+// ---- Broken clients ----------------------------------------------------------------------------
+
+TEST_F(MultiProcess, ABrokenFrameCostsItsSenderTheConnectionAndNobodyElseAnything) {
+  forkClients(1);
+  startServer();
+  expectClientsStarted();
+
+  int negative = connectTo(dir_.path());
+  ASSERT_GE(negative, 0);
+  ASSERT_TRUE(sendRaw(negative, MT_C2S_JSON, -1));
+  EXPECT_TRUE(closedByPeer(negative));
+  close(negative);
+
+  int garbage = connectTo(dir_.path());
+  ASSERT_GE(garbage, 0);
+  std::string request = "GET / HTTP/1.1\r\nHost: kyr\r\n\r\n";
+  ASSERT_EQ(send(garbage, request.data(), request.size(), MSG_NOSIGNAL),
+            static_cast<ssize_t>(request.size()));
+  EXPECT_TRUE(closedByPeer(garbage));
+  close(garbage);
+
+  Child halfway([path = dir_.path()](Child::Link& link) {
+    int fd = connectTo(path);
+    link.report(fd >= 0 && sendRaw(fd, MT_C2S_JSON, 1000, "{\"connectorGroupName\":") ? "sent"
+                                                                                      : "failed");
+    link.command();  // killed while waiting here
+  });
+  ASSERT_EQ(halfway.report(), "sent");
+  halfway.kill();
+  EXPECT_TRUE(eventually([&] { return connectedClients() == 1; }, kStepWait));
+
+  std::string stopped = pushAndAwait(portalState("STOPPED"), [&] { return decisions(server_); });
+  expectClientsRoute(stopped);
+}
+
+// ---- The socket file -------------------------------------------------------------------------
+
+TEST_F(MultiProcess, TheSocketIsOpenToItsOwnerAlone) {
+  startServer();
+  struct stat st {};
+  ASSERT_EQ(stat(dir_.path().c_str(), &st), 0);
+  EXPECT_TRUE(S_ISSOCK(st.st_mode));
+  EXPECT_EQ(st.st_mode & 07777, 0700u);
+}
+
+// The user a child switches to before it connects: "connected", or the errno's name.
+std::string connectAs(uid_t uid, const std::string& path) {
+  if (setgroups(0, nullptr) != 0 || setgid(uid) != 0 || setuid(uid) != 0) return "no setuid";
+  int fd = connectTo(path);
+  if (fd >= 0) {
+    close(fd);
+    return "connected";
   }
-  kyrtest::Publisher publisher(kyrtest::readTestData("cell-routing.json"));
-  kyrtest::TestHost host;
-  host.env.trace.printf = nullptr;
-  Kyr* kyr = host.create();
-  kyrConnectorCreate(kyrConnectorGroupCreate(kyr, "cg"), publisher.url().c_str());
-  ASSERT_EQ(kyrMarkAsServerProcess(kyr, socketPath.c_str(), getuid()), 0);
-  kyrStart(kyr, -1);
-  ASSERT_TRUE(eventually([&] { return kyrGetState(kyr) == STARTED; }));
-  for (auto& client : clients) EXPECT_EQ(client->result(), "started 1");
-  kyrDestroy(kyr);
+  return errno == EACCES ? "EACCES" : strerror(errno);
+}
+
+TEST_F(MultiProcess, AsRootTheSocketBelongsToTheConfiguredUserAndNoOtherUserConnects) {
+  if (geteuid() != 0) GTEST_SKIP() << "changing the socket's owner needs root";
+  constexpr uid_t kWorkerUid = 65534;
+  // The directory lets everyone through, so the socket's own permissions decide.
+  ASSERT_EQ(chmod(dir_.dir().c_str(), 0711), 0);
+  startServer(kWorkerUid);
+  struct stat st {};
+  ASSERT_EQ(stat(dir_.path().c_str(), &st), 0);
+  EXPECT_EQ(st.st_uid, kWorkerUid);
+  EXPECT_EQ(st.st_mode & 07777, 0700u);
+  for (auto [uid, expected] : {std::pair{kWorkerUid, "connected"}, std::pair{65533u, "EACCES"}}) {
+    Child other([uid = uid, path = dir_.path()] { return connectAs(uid, path); });
+    EXPECT_EQ(other.report(), expected) << "uid " << uid;
+  }
 }
 
 }  // namespace
