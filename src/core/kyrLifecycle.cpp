@@ -141,6 +141,10 @@ void kyrDestroy2(Kyr* kyr) {
   kyrControlLockAssertHeld();
   trDebug(kyr->trCtx, kyr->processRec, "kyrDestroy2: enter");
   kyrStop2(kyr);
+  // A handle that was not usable (a failed one) skipped the stop, but its process loop must
+  // end before the handle can go: it reads the handle and serves the socket.
+  if (kyr->serverProcess != nullptr) kyrServerProcessStop(kyr->serverProcess);
+  if (kyr->clientProcess != nullptr) kyrClientProcessStop(kyr->clientProcess);
   while (!kyrListIsEmpty(kyr->connectorGroupList)) {
     kyrConnectorGroupDelete2(kyrListEleGetObject(kyrListGetHead(kyr->connectorGroupList)));
   }

@@ -31,8 +31,6 @@ struct SappEntry {
   char* connectorURL;
 };
 
-void* pidAsObject(int pid) { return reinterpret_cast<void*>(static_cast<intptr_t>(pid)); }
-
 void sendToClients(Kyr* kyr, KyrMessage* msg, int fd) {
   if (fd == -1) {
     kyrServerProcessBroadcastMessage(kyr->serverProcess, msg);
@@ -68,7 +66,7 @@ void withdrawRoutesOfPeer(Kyr* kyr, int fd) {
   kyrHashIteratorStart(kyr->sappMap, &it);
   while (kyrHashNext(&it) != nullptr) {
     auto* entry = static_cast<SappEntry*>(kyrHashThisVal(&it));
-    if (entry == nullptr || !kyrListRemoveObject(entry->pids, pidAsObject(peer.pid)) ||
+    if (entry == nullptr || !kyrListRemoveObject(entry->pids, kyrIntAsObject(peer.pid)) ||
         !kyrListIsEmpty(entry->pids)) {
       continue;
     }
@@ -86,7 +84,7 @@ void sappMapProcessing(Kyr* kyr, KyrConnector* c, json_t* doc, int pid) {
   json_array_foreach(json_object_get(doc, "addRoutes"), i, name) {
     if (!json_is_string(name)) continue;
     SappEntry* entry = sappEntryFor(kyr, c, json_string_value(name));
-    if (kyrListAddUnique(entry->pids, pidAsObject(pid)) &&
+    if (kyrListAddUnique(entry->pids, kyrIntAsObject(pid)) &&
         kyrListGetCount(entry->pids) == clients) {
       kyrConnectorPostRoutingChange(c, entry->name, true);
     }
@@ -96,7 +94,8 @@ void sappMapProcessing(Kyr* kyr, KyrConnector* c, json_t* doc, int pid) {
     auto* entry = static_cast<SappEntry*>(kyrHashGet(kyr->sappMap, json_string_value(name)));
     if (entry == nullptr) {
       kyrConnectorPostRoutingChange(c, json_string_value(name), false);
-    } else if (kyrListRemoveObject(entry->pids, pidAsObject(pid)) && kyrListIsEmpty(entry->pids)) {
+    } else if (kyrListRemoveObject(entry->pids, kyrIntAsObject(pid)) &&
+               kyrListIsEmpty(entry->pids)) {
       kyrConnectorPostRoutingChange(c, entry->name, false);
     }
   }

@@ -28,9 +28,6 @@ namespace {
 // with it the control lock) for longer than this.
 constexpr int kClientSocketTimeoutSecs = 5;
 
-void* fdAsObject(int fd) { return reinterpret_cast<void*>(static_cast<intptr_t>(fd)); }
-int objectAsFd(void* object) { return static_cast<int>(reinterpret_cast<intptr_t>(object)); }
-
 void setTimeouts(int fd) {
   timeval tv{kClientSocketTimeoutSecs, 0};
   setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
@@ -41,7 +38,7 @@ std::vector<int> clientSockets(KyrServerProcess* sp) {
   std::vector<int> fds;
   KyrLockGuard guard(sp->clientSocketListLock, "clientSockets");
   for (KyrListEle* e = kyrListGetHead(sp->clientSocketList); e != nullptr; e = kyrListGetNext(e)) {
-    fds.push_back(objectAsFd(kyrListEleGetObject(e)));
+    fds.push_back(kyrObjectAsInt(kyrListEleGetObject(e)));
   }
   return fds;
 }
@@ -49,7 +46,7 @@ std::vector<int> clientSockets(KyrServerProcess* sp) {
 void dropClient(KyrServerProcess* sp, int fd) {
   {
     KyrLockGuard guard(sp->clientSocketListLock, "dropClient");
-    kyrListFindAndRemove(sp->clientSocketList, fdAsObject(fd));
+    kyrListFindAndRemove(sp->clientSocketList, kyrIntAsObject(fd));
   }
   // Before the close: the library asks the socket which process was on the other end.
   kyrServerProcessClientGone(sp->process.kyr, fd);
@@ -72,7 +69,7 @@ bool acceptClient(KyrServerProcess* sp) {
   setTimeouts(fd);
   {
     KyrLockGuard guard(sp->clientSocketListLock, "acceptClient");
-    kyrListAddTail(sp->clientSocketList, fdAsObject(fd));
+    kyrListAddTail(sp->clientSocketList, kyrIntAsObject(fd));
   }
   KyrMessage connected{};
   kyrServerProcessHandleMessage(kyr, &connected, fd);
@@ -229,7 +226,7 @@ int kyrServerProcessBroadcastMessage(KyrServerProcess* sp, KyrMessage* msg) {
   if (sp == nullptr || msg == nullptr) return -1;
   KyrLockGuard guard(sp->clientSocketListLock, "kyrServerProcessBroadcastMessage");
   for (KyrListEle* e = kyrListGetHead(sp->clientSocketList); e != nullptr; e = kyrListGetNext(e)) {
-    int fd = objectAsFd(kyrListEleGetObject(e));
+    int fd = kyrObjectAsInt(kyrListEleGetObject(e));
     if (kyrServerProcessSendMessage(sp, msg, fd) != 0) {
       trDebug(sp->process.trCtx, sp->process.debugIPC,
               "kyrServerProcessBroadcastMessage failed for fd:%d", fd);

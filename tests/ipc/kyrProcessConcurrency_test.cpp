@@ -139,4 +139,30 @@ TEST_F(MultiProcessConcurrency, DestroyingBothHandlesGivesBackEveryBlock) {
   EXPECT_EQ(settledMemCount(), baseline_);
 }
 
+// A server whose publishers all failed is destroyed with a client connected: its loop ends and
+// the socket stops accepting at destroy, and every block comes back once the pending retry
+// (which holds the handle) has fired.
+TEST(FailedServerConcurrency, DestroyEndsTheLoopOfAServerThatNeverStarted) {
+  int baseline = settledMemCount();
+  SocketDir dir;
+  TestHost host;
+  host.env.trace.printf = nullptr;
+  Kyr* kyr = host.create();
+  KyrConnectorGroup* cg = kyrConnectorGroupCreate(kyr, kGroup);
+  kyrConnectorGroupSetProperty(cg, "retryInterval", "1");
+  kyrConnectorCreate(cg, closedPortUrl().c_str());
+  ASSERT_EQ(kyrMarkAsServerProcess(kyr, dir.path().c_str(), getuid()), 0);
+  kyrStart(kyr, -1);
+  ASSERT_TRUE(eventually([&] { return kyrGetState(kyr) == FAILED; }, kStepWait));
+  int fd = connectTo(dir.path());
+  ASSERT_GE(fd, 0);
+  ASSERT_TRUE(eventually(
+      [&] { return kyrServerProcessGetClientCount(kyrGetServerProcess(kyr)) == 1; }, kStepWait));
+  kyrDestroy(kyr);
+  EXPECT_TRUE(closedByPeer(fd));
+  close(fd);
+  EXPECT_LT(connectTo(dir.path()), 0);
+  EXPECT_TRUE(eventually([&] { return settledMemCount() == baseline; }, kStepWait));
+}
+
 }  // namespace
