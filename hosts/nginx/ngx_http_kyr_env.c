@@ -1,0 +1,382 @@
+/*
+ * The host callbacks over ngx_http_request_t (the EnvHttpContext the library passes back): what
+ * the library reads of a request, the private headers it adds for the proxied request, the
+ * response headers and cookies it reads and writes, and the trace output it prints.
+ *
+ * The request and response callbacks run only inside the library calls the worker's event loop
+ * makes, so they use the request pool freely; every string handed to the library is a
+ * NUL-terminated copy in that pool, valid until the request ends. Trace output comes from the
+ * library's threads as well.
+ */
+#include <pthread.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+
+#include "ngx_http_kyr_module.h"
+
+static ngx_http_request_t *ngx_http_kyr_request(EnvHttpContext *ctx) {
+  return (ngx_http_request_t *)ctx;
+}
+
+static char *ngx_http_kyr_cstr(ngx_http_request_t *r, const u_char *data, size_t len) {
+  char *s = ngx_pnalloc(r->pool, len + 1);
+  if (s == NULL) return NULL;
+  ngx_memcpy(s, data, len);
+  s[len] = '\0';
+  return s;
+}
+
+static int ngx_http_kyr_key_is(ngx_table_elt_t *h, const char *name, size_t len) {
+  return h->key.len == len && ngx_strncasecmp(h->key.data, (u_char *)name, len) == 0;
+}
+
+/* Loops over the live entries of a header list: nginx marks a removed one with hash 0. */
+#define NGX_HTTP_KYR_FOR_EACH_HEADER(list, h)                                      \
+  for (ngx_list_part_t *part_ = &(list)->part; part_ != NULL; part_ = part_->next) \
+    for (ngx_uint_t i_ = 0; i_ < part_->nelts; i_++)                               \
+      if (((h) = (ngx_table_elt_t *)part_->elts + i_)->hash != 0)
+
+static ngx_table_elt_t *ngx_http_kyr_find(ngx_list_t *list, const char *name) {
+  size_t len = strlen(name);
+  ngx_table_elt_t *h;
+  NGX_HTTP_KYR_FOR_EACH_HEADER(list, h) {
+    if (ngx_http_kyr_key_is(h, name, len)) return h;
+  }
+  return NULL;
+}
+
+/* Every value of the header, NULL-terminated. */
+static char **ngx_http_kyr_values(ngx_http_request_t *r, ngx_list_t *list, const char *name) {
+  size_t len = strlen(name);
+  ngx_uint_t count = 0;
+  ngx_table_elt_t *h;
+  NGX_HTTP_KYR_FOR_EACH_HEADER(list, h) {
+    if (ngx_http_kyr_key_is(h, name, len)) count++;
+  }
+  if (count == 0) return NULL;
+  char **values = ngx_pcalloc(r->pool, (count + 1) * sizeof(char *));
+  if (values == NULL) return NULL;
+  ngx_uint_t n = 0;
+  NGX_HTTP_KYR_FOR_EACH_HEADER(list, h) {
+    if (ngx_http_kyr_key_is(h, name, len))
+      values[n++] = ngx_http_kyr_cstr(r, h->value.data, h->value.len);
+  }
+  return values;
+}
+
+static ngx_table_elt_t *ngx_http_kyr_push(ngx_http_request_t *r, ngx_list_t *list,
+                                          const char *name) {
+  size_t len = strlen(name);
+  ngx_table_elt_t *h = ngx_list_push(list);
+  if (h == NULL) return NULL;
+  h->key.len = len;
+  h->key.data = (u_char *)ngx_http_kyr_cstr(r, (const u_char *)name, len);
+  h->lowcase_key = ngx_pnalloc(r->pool, len + 1);
+  if (h->key.data == NULL || h->lowcase_key == NULL) {
+    h->hash = 0;
+    return NULL;
+  }
+  /* The proxy looks request headers up by this hash and lower-case key. */
+  h->hash = ngx_hash_strlow(h->lowcase_key, h->key.data, len);
+  h->lowcase_key[len] = '\0';
+  return h;
+}
+
+static int ngx_http_kyr_set_value(ngx_http_request_t *r, ngx_table_elt_t *h, const char *value) {
+  size_t len = strlen(value);
+  h->value.data = (u_char *)ngx_http_kyr_cstr(r, (const u_char *)value, len);
+  h->value.len = h->value.data != NULL ? len : 0;
+  return h->value.data != NULL ? 0 : -1;
+}
+
+/* ---- Request ---------------------------------------------------------------------------- */
+
+static in_port_t ngx_http_kyr_local_port(ngx_http_request_t *r) {
+  if (ngx_connection_local_sockaddr(r->connection, NULL, 0) != NGX_OK) return 0;
+  return ngx_inet_get_port(r->connection->local_sockaddr);
+}
+
+static char *ngx_http_kyr_get_client_ip(EnvHttpContext *ctx) {
+  ngx_http_request_t *r = ngx_http_kyr_request(ctx);
+  return ngx_http_kyr_cstr(r, r->connection->addr_text.data, r->connection->addr_text.len);
+}
+
+static char *ngx_http_kyr_get_local_address(EnvHttpContext *ctx) {
+  ngx_http_request_t *r = ngx_http_kyr_request(ctx);
+  u_char text[NGX_SOCKADDR_STRLEN];
+  ngx_str_t addr = {sizeof text, text};
+  if (ngx_connection_local_sockaddr(r->connection, &addr, 0) != NGX_OK) return NULL;
+  return ngx_http_kyr_cstr(r, addr.data, addr.len);
+}
+
+static char *ngx_http_kyr_get_protocol_version(EnvHttpContext *ctx) {
+  switch (ngx_http_kyr_request(ctx)->http_version) {
+    case NGX_HTTP_VERSION_9:
+      return "HTTP/0.9";
+    case NGX_HTTP_VERSION_10:
+      return "HTTP/1.0";
+    case NGX_HTTP_VERSION_20:
+      return "HTTP/2.0";
+    default:
+      return "HTTP/1.1";
+  }
+}
+
+static int ngx_http_kyr_get_listening_port(EnvHttpContext *ctx) {
+  return ngx_http_kyr_local_port(ngx_http_kyr_request(ctx));
+}
+
+static char *ngx_http_kyr_get_virtual_host(EnvHttpContext *ctx) {
+  ngx_http_request_t *r = ngx_http_kyr_request(ctx);
+  if (r->headers_in.server.len > 0) {
+    return ngx_http_kyr_cstr(r, r->headers_in.server.data, r->headers_in.server.len);
+  }
+  ngx_http_core_srv_conf_t *cscf = ngx_http_get_module_srv_conf(r, ngx_http_core_module);
+  return ngx_http_kyr_cstr(r, cscf->server_name.data, cscf->server_name.len);
+}
+
+/* The port the client addressed: the Host header's, else the one it connected to. */
+static int ngx_http_kyr_get_virtual_port(EnvHttpContext *ctx) {
+  ngx_http_request_t *r = ngx_http_kyr_request(ctx);
+  if (r->headers_in.host != NULL) {
+    ngx_str_t *host = &r->headers_in.host->value;
+    u_char *end = host->data + host->len;
+    u_char *colon = NULL;
+    for (u_char *p = host->data; p < end; p++) {
+      if (*p == ']') colon = NULL; /* an IPv6 address's colons are not the port's */
+      if (*p == ':') colon = p;
+    }
+    if (colon != NULL && colon + 1 < end) {
+      ngx_int_t port = ngx_atoi(colon + 1, end - colon - 1);
+      if (port > 0 && port <= 65535) return (int)port;
+    }
+  }
+  return ngx_http_kyr_local_port(r);
+}
+
+static char *ngx_http_kyr_get_protocol(EnvHttpContext *ctx) {
+#if (NGX_HTTP_SSL)
+  if (ngx_http_kyr_request(ctx)->connection->ssl != NULL) return "https";
+#else
+  (void)ctx;
+#endif
+  return "http";
+}
+
+static char *ngx_http_kyr_get_method(EnvHttpContext *ctx) {
+  ngx_http_request_t *r = ngx_http_kyr_request(ctx);
+  return ngx_http_kyr_cstr(r, r->method_name.data, r->method_name.len);
+}
+
+/* The normalised path: rules and context roots see what nginx's own locations see. */
+static char *ngx_http_kyr_get_path(EnvHttpContext *ctx) {
+  ngx_http_request_t *r = ngx_http_kyr_request(ctx);
+  return ngx_http_kyr_cstr(r, r->uri.data, r->uri.len);
+}
+
+static char *ngx_http_kyr_get_query_string(EnvHttpContext *ctx) {
+  ngx_http_request_t *r = ngx_http_kyr_request(ctx);
+  return r->args.len > 0 ? ngx_http_kyr_cstr(r, r->args.data, r->args.len) : NULL;
+}
+
+/* nginx authenticates no user on the application's behalf, and a user name the client merely
+ * claims must not reach the application as an authenticated one; nor does the module forward
+ * client certificates. */
+static char *ngx_http_kyr_none(EnvHttpContext *ctx) {
+  (void)ctx;
+  return NULL;
+}
+
+static char *ngx_http_kyr_get_ssl_cipher_suite(EnvHttpContext *ctx) {
+#if (NGX_HTTP_SSL)
+  ngx_http_request_t *r = ngx_http_kyr_request(ctx);
+  ngx_str_t s = ngx_null_string;
+  if (r->connection->ssl != NULL && ngx_ssl_get_cipher_name(r->connection, r->pool, &s) == NGX_OK &&
+      s.len > 0) {
+    return ngx_http_kyr_cstr(r, s.data, s.len);
+  }
+#else
+  (void)ctx;
+#endif
+  return NULL;
+}
+
+static char *ngx_http_kyr_get_ssl_session_id(EnvHttpContext *ctx) {
+#if (NGX_HTTP_SSL)
+  ngx_http_request_t *r = ngx_http_kyr_request(ctx);
+  ngx_str_t s = ngx_null_string;
+  if (r->connection->ssl != NULL && ngx_ssl_get_session_id(r->connection, r->pool, &s) == NGX_OK &&
+      s.len > 0) {
+    return ngx_http_kyr_cstr(r, s.data, s.len);
+  }
+#else
+  (void)ctx;
+#endif
+  return NULL;
+}
+
+static char *ngx_http_kyr_get_request_header(EnvHttpContext *ctx, char *name) {
+  ngx_http_request_t *r = ngx_http_kyr_request(ctx);
+  ngx_table_elt_t *h = ngx_http_kyr_find(&r->headers_in.headers, name);
+  return h != NULL ? ngx_http_kyr_cstr(r, h->value.data, h->value.len) : NULL;
+}
+
+static char **ngx_http_kyr_get_request_headers(EnvHttpContext *ctx, char *name) {
+  ngx_http_request_t *r = ngx_http_kyr_request(ctx);
+  return ngx_http_kyr_values(r, &r->headers_in.headers, name);
+}
+
+/* The private headers go into the request's own headers, which the proxy forwards. A client
+ * cannot have sent any of them (the route handler refuses such requests), so a NULL value,
+ * "nothing to tell", finds nothing to remove; one the library set before is emptied. */
+static int ngx_http_kyr_set_request_header(EnvHttpContext *ctx, char *name, char *value) {
+  ngx_http_request_t *r = ngx_http_kyr_request(ctx);
+  ngx_table_elt_t *h = ngx_http_kyr_find(&r->headers_in.headers, name);
+  if (value == NULL) {
+    if (h != NULL) {
+      ngx_str_set(&h->value, "");
+    }
+    return 0;
+  }
+  if (h == NULL) h = ngx_http_kyr_push(r, &r->headers_in.headers, name);
+  return h != NULL ? ngx_http_kyr_set_value(r, h, value) : -1;
+}
+
+static char *ngx_http_kyr_get_request_cookie(EnvHttpContext *ctx, char *name) {
+  ngx_http_request_t *r = ngx_http_kyr_request(ctx);
+  ngx_str_t key = {strlen(name), (u_char *)name};
+  ngx_str_t value;
+  if (ngx_http_parse_multi_header_lines(&r->headers_in.cookies, &key, &value) == NGX_DECLINED) {
+    return NULL;
+  }
+  return ngx_http_kyr_cstr(r, value.data, value.len);
+}
+
+/* ---- Response --------------------------------------------------------------------------- */
+
+static int ngx_http_kyr_get_response_code(EnvHttpContext *ctx) {
+  return (int)ngx_http_kyr_request(ctx)->headers_out.status;
+}
+
+static char *ngx_http_kyr_get_response_header(EnvHttpContext *ctx, char *name) {
+  ngx_http_request_t *r = ngx_http_kyr_request(ctx);
+  ngx_table_elt_t *h = ngx_http_kyr_find(&r->headers_out.headers, name);
+  return h != NULL ? ngx_http_kyr_cstr(r, h->value.data, h->value.len) : NULL;
+}
+
+static char **ngx_http_kyr_get_response_headers(EnvHttpContext *ctx, char *name) {
+  ngx_http_request_t *r = ngx_http_kyr_request(ctx);
+  return ngx_http_kyr_values(r, &r->headers_out.headers, name);
+}
+
+/* NULL removes every such header (nginx skips entries whose hash is 0); Set-Cookie adds one
+ * more; any other name replaces the first value. */
+static int ngx_http_kyr_set_response_header(EnvHttpContext *ctx, char *name, char *value) {
+  ngx_http_request_t *r = ngx_http_kyr_request(ctx);
+  ngx_list_t *list = &r->headers_out.headers;
+  if (value == NULL) {
+    size_t len = strlen(name);
+    ngx_table_elt_t *h;
+    NGX_HTTP_KYR_FOR_EACH_HEADER(list, h) {
+      if (ngx_http_kyr_key_is(h, name, len)) h->hash = 0;
+    }
+    return 0;
+  }
+  ngx_table_elt_t *h = strcasecmp(name, "Set-Cookie") == 0 ? NULL : ngx_http_kyr_find(list, name);
+  if (h == NULL) h = ngx_http_kyr_push(r, list, name);
+  return h != NULL ? ngx_http_kyr_set_value(r, h, value) : -1;
+}
+
+static char *ngx_http_kyr_get_response_cookie(EnvHttpContext *ctx, char *name) {
+  ngx_http_request_t *r = ngx_http_kyr_request(ctx);
+  size_t len = strlen(name);
+  ngx_table_elt_t *h;
+  NGX_HTTP_KYR_FOR_EACH_HEADER(&r->headers_out.headers, h) {
+    if (!ngx_http_kyr_key_is(h, "Set-Cookie", sizeof("Set-Cookie") - 1)) continue;
+    if (h->value.len <= len || h->value.data[len] != '=' ||
+        ngx_strncmp(h->value.data, name, len) != 0) {
+      continue;
+    }
+    u_char *start = h->value.data + len + 1;
+    u_char *end = ngx_strlchr(start, h->value.data + h->value.len, ';');
+    if (end == NULL) end = h->value.data + h->value.len;
+    return ngx_http_kyr_cstr(r, start, end - start);
+  }
+  return NULL;
+}
+
+static int ngx_http_kyr_set_response_cookie(EnvHttpContext *ctx, char *name, char *value) {
+  ngx_http_request_t *r = ngx_http_kyr_request(ctx);
+  size_t len = strlen(name) + 1 + (value != NULL ? strlen(value) : 0);
+  char *cookie = ngx_pnalloc(r->pool, len + 1);
+  if (cookie == NULL) return -1;
+  snprintf(cookie, len + 1, "%s=%s", name, value != NULL ? value : "");
+  ngx_table_elt_t *h = ngx_http_kyr_push(r, &r->headers_out.headers, "Set-Cookie");
+  return h != NULL ? ngx_http_kyr_set_value(r, h, cookie) : -1;
+}
+
+/* ---- Process-wide ----------------------------------------------------------------------- */
+
+/* The library's threads leave nginx's signals to the worker's own thread, which acts on them;
+ * nginx's thread pools do the same. */
+void ngx_http_kyr_block_signals(void) {
+  sigset_t set;
+  sigfillset(&set);
+  sigdelset(&set, SIGILL);
+  sigdelset(&set, SIGFPE);
+  sigdelset(&set, SIGSEGV);
+  sigdelset(&set, SIGBUS);
+  pthread_sigmask(SIG_BLOCK, &set, NULL);
+}
+
+/* One error-log line per trace message, at the nginx level nearest the library's. */
+void ngx_http_kyr_trace_to_log(TrContext *context, va_list args) {
+  static const ngx_uint_t levels[] = {NGX_LOG_STDERR, NGX_LOG_CRIT, NGX_LOG_CRIT,
+                                      NGX_LOG_CRIT,   NGX_LOG_ERR,  NGX_LOG_WARN,
+                                      NGX_LOG_NOTICE, NGX_LOG_INFO, NGX_LOG_DEBUG};
+  const char *format = trContextGetFormat(context);
+  if (format == NULL) return;
+  int index = trLevelNameToIndex(trContextGetLevel(context));
+  ngx_uint_t level = index > 0 && index <= TR_LEVEL_DEBUG ? levels[index] : NGX_LOG_NOTICE;
+  ngx_log_t *log = ngx_cycle->log;
+  if (log->log_level < level) return;
+  char line[2048];
+  vsnprintf(line, sizeof line, format, args);
+  size_t len = strlen(line);
+  while (len > 0 && line[len - 1] == '\n') line[--len] = '\0';
+  const char *id = trContextGetMessageId(context);
+  ngx_log_error(level, log, 0, "kyr: %s%s%s", id != NULL ? id : "", id != NULL ? " " : "", line);
+}
+
+void ngx_http_kyr_set_callbacks(EnvCallBacks *env, TrPrintf trace) {
+  ngx_memzero(env, sizeof(EnvCallBacks));
+  env->version = KYR_ENV_CALLBACKS_VERSION;
+  env->http.request.getClientIpAddr = ngx_http_kyr_get_client_ip;
+  env->http.request.getLocalAddress = ngx_http_kyr_get_local_address;
+  env->http.request.getProtocolVersion = ngx_http_kyr_get_protocol_version;
+  env->http.request.getListeningPort = ngx_http_kyr_get_listening_port;
+  env->http.request.getVirtualHost = ngx_http_kyr_get_virtual_host;
+  env->http.request.getVirtualPort = ngx_http_kyr_get_virtual_port;
+  env->http.request.getProtocol = ngx_http_kyr_get_protocol;
+  env->http.request.getMethod = ngx_http_kyr_get_method;
+  env->http.request.getPath = ngx_http_kyr_get_path;
+  env->http.request.getQueryString = ngx_http_kyr_get_query_string;
+  env->http.request.getAuthType = ngx_http_kyr_none;
+  env->http.request.getUserName = ngx_http_kyr_none;
+  env->http.request.getClientCertificate = ngx_http_kyr_none;
+  env->http.request.getSSLCipherSuite = ngx_http_kyr_get_ssl_cipher_suite;
+  env->http.request.getSSLSessionId = ngx_http_kyr_get_ssl_session_id;
+  env->http.request.getHeaderValue = ngx_http_kyr_get_request_header;
+  env->http.request.getHeaderValues = ngx_http_kyr_get_request_headers;
+  env->http.request.setHeaderValue = ngx_http_kyr_set_request_header;
+  env->http.request.getCookieValue = ngx_http_kyr_get_request_cookie;
+  env->http.response.getResponseCode = ngx_http_kyr_get_response_code;
+  env->http.response.getHeaderValue = ngx_http_kyr_get_response_header;
+  env->http.response.getHeaderValues = ngx_http_kyr_get_response_headers;
+  env->http.response.setHeaderValue = ngx_http_kyr_set_response_header;
+  env->http.response.getCookieValue = ngx_http_kyr_get_response_cookie;
+  env->http.response.setCookieValue = ngx_http_kyr_set_response_cookie;
+  env->threadInit = ngx_http_kyr_block_signals;
+  env->trace.printf = trace;
+}
