@@ -22,7 +22,10 @@ const ObjectHandler kHealthPolicyRow = {"healthPolicy",
                                         nullptr,
                                         nullptr,
                                         nullptr,
-                                        Untyped<hmHealthPolicyDelete>::call};
+                                        Untyped<hmHealthPolicyDelete>::call,
+                                        {},
+                                        false,
+                                        true};
 
 void linkServerHealthPolicy(void* server, void* policy, bool add) {
   tsLinkServerToHealthPolicy(static_cast<TargetServer*>(server), static_cast<HealthPolicy*>(policy),

@@ -46,9 +46,9 @@ const ObjectHandler kCellRow = {"cell",         RoutingInfo,     false,   cellCr
 
 // Pointers, so rows defined with their modules need no cross-file initialisation order.
 const ObjectHandler* const kObjectHandlers[] = {
-    &kCellRow,      &kNodeRow,       &kServerRow,      &kServerApplicationRow,
-    &kTransportRow, &kClusterRow,    &kApplicationRow, &kWebModuleRow,
-    &kUriRow,       &kVHostGroupRow, &kVHostRow,       &kWebRouteWorkClassRow,
+    &kCellRow,      &kNodeRow,       &kServerRow,       &kServerApplicationRow,
+    &kTransportRow, &kClusterRow,    &kApplicationRow,  &kWebModuleRow,
+    &kUriRow,       &kVHostGroupRow, &kVHostRow,        &kWebRouteWorkClassRow,
     &kRuleRow,      &kRuleSetRow,    &kHealthPolicyRow,
 };
 
@@ -59,6 +59,11 @@ const RelationshipHandler kRelationshipHandlers[] = {
     {"server:webModule", linkServerWebModule},
     {"server:healthPolicy", linkServerHealthPolicy},
 };
+
+void freeWrapperOnly(ObjectWrapper* wrapper) {
+  kyrFree(wrapper->name);
+  kyrDelete(wrapper);
+}
 
 }  // namespace
 
@@ -79,13 +84,16 @@ const RelationshipHandler* kyrFindRelationshipHandler(const char* relationshipNa
 void objectWrapperDelete(void* p) {
   auto* wrapper = static_cast<ObjectWrapper*>(p);
   if (wrapper->handler->delete_ != nullptr) wrapper->handler->delete_(wrapper->object);
-  objectWrapperFree(wrapper);
+  freeWrapperOnly(wrapper);
 }
 
 void objectWrapperFree(void* p) {
   auto* wrapper = static_cast<ObjectWrapper*>(p);
-  kyrFree(wrapper->name);
-  kyrDelete(wrapper);
+  if (wrapper->handler->freedWithVersion) {
+    objectWrapperDelete(wrapper);
+  } else {
+    freeWrapperOnly(wrapper);
+  }
 }
 
 }  // namespace kyr

@@ -33,6 +33,9 @@ struct ObjectHandler {
   // Deleting the object takes its descendants with it, so they leave the object map first,
   // each through its own row.
   bool deletesDescendants = false;
+  // No owner in the model frees it (the selector and the mapper free theirs): the version's
+  // end deletes it through its row.
+  bool freedWithVersion = false;
 };
 
 // Row adapters: turn `R F(T*, A...)` into `R call(void*, A...)`, the shape the reader calls.

@@ -36,7 +36,8 @@ void routingInfoDelete(KyrRoutingInfo* ri) {
   // Retired memory first: it is self-contained, while the owners below free what it could
   // still name.
   kyrListDestroy(ri->retired);
-  // Objects are freed by their owners (selector, mapper); the map frees only its wrappers.
+  // Objects are freed by their owners (selector, mapper); the map frees only its wrappers and
+  // the objects no owner frees.
   kyrHashMapSetDestructor(ri->objectMap, objectWrapperFree);
   kyrHashMapDestroy(ri->objectMap);
   kyrListDestroy(ri->traceRuleSets);
