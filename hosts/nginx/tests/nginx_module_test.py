@@ -56,6 +56,7 @@ class Cell:
         os.mkdir(os.path.join(self.dir, "run"), 0o777)
         os.chmod(os.path.join(self.dir, "run"), 0o777)
         self.processes = []
+        self.expected_alerts = []  # texts of [alert] lines a case provokes on purpose
         self.backends = {}
         for name in names:
             p = self.spawn([sys.executable, os.path.join(HERE, "backend.py"), name, LIFETIME])
@@ -211,6 +212,17 @@ http {
         except OSError:
             return "(no error log)"
 
+    def alerts(self):
+        """The error log's alerts and crits (a worker that crashed, a socket left open at exit)
+        that the case did not provoke."""
+        try:
+            with open(self.path("error.log")) as f:
+                lines = f.readlines()
+        except OSError:
+            return []
+        return [line for line in lines if ("[alert]" in line or "[crit]" in line) and
+                not any(text in line for text in self.expected_alerts)]
+
     def close(self):
         self.stop()
         for p in self.processes:
@@ -358,12 +370,21 @@ def case_two_workers(cell):
     for _ in range(10):
         got = cell.backend_of("/shop/catalog", {"Cookie": "JSESSIONID=0001abc:c2"})
         check(got == "s2", "with two workers the session of c2 went to %s" % got)
+    # A reload starts a new worker 0 on the same socket while the old one winds down.
+    cell.nginx.send_signal(signal.SIGHUP)
+    cell.wait_for_log("reconfiguring")
+    check(roles(cell) == {"server worker 0", "client worker 1"}, "after a reload the roles are "
+          "%s" % roles(cell))
+    backends = {cell.backend_of("/shop/catalog") for _ in range(30)}
+    check(backends == {"s1", "s2", "s3"}, "after a reload two workers reached %s" %
+          sorted(backends))
     if os.geteuid() == 0:
         # Workers run as nobody: a socket directory they cannot write stops worker 0 with a
         # message that says so, instead of clients that wait for it forever.
         cell.stop()
         cell.config(["kyr_routing_document %s;" % cell.document(),
                      "kyr_socket %s;" % cell.path("kyr.sock")], workers=2)
+        cell.expected_alerts.append("exited with fatal code 2 and cannot be respawned")
         cell.launch()
         cell.wait_for_log("worker 0 cannot create the socket")
 
@@ -419,6 +440,9 @@ def main():
     cell = Cell(module, src)
     try:
         CASES[name](cell)
+        cell.stop()
+        alerts = cell.alerts()
+        check(not alerts, "nginx alerted:\n" + "".join(alerts))
     except (Failure, OSError, subprocess.TimeoutExpired) as e:
         print("FAIL %s: %s" % (name, e))
         print("--- error log ---\n" + cell.log_tail())
