@@ -2,7 +2,8 @@
 # An application server stand-in for the nginx module's tests, on 127.0.0.1 only: it prints the
 # port it listens on, answers every GET with its name, echoes each private routing header it
 # received as "X-Got-<name>" (without the leading "$" or "_"), and on ?partition=1 answers with
-# a partition table ("$ZQPT") and its version. It ends by itself after LIFETIME seconds.
+# a partition table ("$ZQPT") and its version; X-Connection-Request counts the requests of
+# the connection. It ends by itself after LIFETIME seconds.
 # Usage: backend.py NAME [LIFETIME]
 import http.server
 import sys
@@ -17,13 +18,18 @@ def main():
     class Backend(http.server.BaseHTTPRequestHandler):
         protocol_version = "HTTP/1.1"
 
+        # One handler serves one connection.
+        served = 0
+
         def do_GET(self):
+            self.served += 1
             body = (name + "\n").encode()
             query = urllib.parse.parse_qs(urllib.parse.urlsplit(self.path).query)
             self.send_response(200)
             self.send_header("Content-Type", "text/plain")
             self.send_header("Content-Length", str(len(body)))
             self.send_header("X-Backend", name)
+            self.send_header("X-Connection-Request", str(self.served))
             for key, value in self.headers.items():
                 if key.startswith("$ZQ") or key.startswith("_ZQ_"):
                     self.send_header("X-Got-" + key.lstrip("$_"), value)

@@ -131,7 +131,9 @@ http {
     location / {
       kyr_route on;
       proxy_pass %(proxy)s;
+      proxy_http_version 1.1;
       proxy_set_header Host $http_host;
+      proxy_set_header Connection "";
       add_header X-Kyr-Server $kyr_server;
       proxy_connect_timeout 2s;
       proxy_read_timeout 5s;
@@ -358,15 +360,21 @@ def roles(cell, connections=40):
 
 def case_two_workers(cell):
     # The kernel spreads new connections over both workers (reuseport). The proxy follows the
-    # endpoint's protocol.
+    # endpoint's protocol and keeps connections to the endpoints open.
     cell.config(["kyr_routing_document %s;" % cell.document(),
-                 "kyr_socket %s;" % cell.path("run/kyr.sock")], workers=2, listen=" reuseport",
-                proxy="$kyr_scheme://cell")
+                 "kyr_socket %s;" % cell.path("run/kyr.sock")],
+                workers=2, listen=" reuseport", proxy="$kyr_scheme://cell",
+                upstream="kyr_upstream; keepalive 8;")
     cell.start(ready_count=10)
     seen = roles(cell)
     check(seen == {"server worker 0", "client worker 1"}, "the workers answered as %s" % seen)
-    backends = {cell.backend_of("/shop/catalog") for _ in range(30)}
+    answers = [cell.get("/shop/catalog") for _ in range(30)]
+    check(all(status == 200 for status, _, _ in answers), "two workers answered %s" %
+          sorted({status for status, _, _ in answers}))
+    backends = {body.strip() for _, _, body in answers}
     check(backends == {"s1", "s2", "s3"}, "two workers reached %s" % sorted(backends))
+    reused = [h for _, h, _ in answers if header(h, "X-Connection-Request") != "1"]
+    check(reused, "no connection to an endpoint was used twice (keepalive)")
     for _ in range(10):
         got = cell.backend_of("/shop/catalog", {"Cookie": "JSESSIONID=0001abc:c2"})
         check(got == "s2", "with two workers the session of c2 went to %s" % got)
