@@ -4,7 +4,7 @@
 # 127.0.0.1 on free ports, lives in a temporary directory and ends by itself; every wait is
 # bounded. Exits with 77 (CTest's skip) when nginx or the module is not there.
 # Usage: nginx_module_test.py MODULE_SO SOURCE_DIR CASE
-#   CASE: routing, rules, failover, config_errors, two_workers, publisher
+#   CASE: routing, rules, failover, timeout, config_errors, two_workers, publisher
 import http.client
 import json
 import os
@@ -47,7 +47,7 @@ def read_port(process, what):
 class Cell:
     """A temporary directory with backends, a routing document and nginx."""
 
-    def __init__(self, module, src, names=("s1", "s2", "s3")):
+    def __init__(self, module, src, names=("s1", "s2", "s3"), delays=None):
         self.module = module
         self.src = src
         self.dir = tempfile.mkdtemp(prefix="kyr-nginx-")
@@ -59,7 +59,9 @@ class Cell:
         self.expected_alerts = []  # texts of [alert] lines a case provokes on purpose
         self.backends = {}
         for name in names:
-            p = self.spawn([sys.executable, os.path.join(HERE, "backend.py"), name, LIFETIME])
+            delay = str((delays or {}).get(name, 0))
+            p = self.spawn([sys.executable, os.path.join(HERE, "backend.py"), name, LIFETIME,
+                            delay])
             self.backends[name] = (p, read_port(p, "backend " + name))
         self.port = free_port()
         self.nginx = None
@@ -103,7 +105,7 @@ class Cell:
         return path
 
     def config(self, http_lines, workers=1, upstream="kyr_upstream;", listen="", catalogue=None,
-               proxy="http://cell"):
+               proxy="http://cell", read_timeout="5s"):
         d = self.dir
         catalogue = catalogue or os.path.join(self.src, "data/kyr-trace.xml")
         text = """load_module %(module)s;
@@ -136,13 +138,14 @@ http {
       proxy_set_header Connection "";
       add_header X-Kyr-Server $kyr_server;
       proxy_connect_timeout 2s;
-      proxy_read_timeout 5s;
+      proxy_read_timeout %(read_timeout)s;
     }
   }
 }
 """ % {"module": self.module, "workers": workers, "d": d, "catalogue": catalogue,
        "http": "\n".join("  " + line for line in http_lines), "upstream": upstream,
-       "port": self.port, "listen": listen, "proxy": proxy}
+       "port": self.port, "listen": listen, "proxy": proxy,
+       "read_timeout": read_timeout}
         path = self.path("nginx.conf")
         with open(path, "w") as f:
             f.write(text)
@@ -313,6 +316,18 @@ def case_failover(cell):
           "no connect failure was reported to the library:\n" + cell.log_tail())
 
 
+def case_timeout(cell):
+    # s1 answers after nginx stopped waiting: the library hears of the time-out and nginx's
+    # retry goes elsewhere.
+    cell.config(["kyr_routing_document %s;" % cell.document()], read_timeout="1s")
+    cell.start(ready_count=1)
+    seen = [cell.backend_of("/shop/catalog") for _ in range(6)]
+    check("s1" not in seen, "a request was answered by the slow s1: %s" % seen)
+    port = cell.backends["s1"][1]
+    check("kyr: response timed out at endpoint 127.0.0.1:%d" % port in cell.log_tail(200),
+          "no response time-out was reported to the library:\n" + cell.log_tail())
+
+
 def case_config_errors(cell):
     doc = cell.document()
     bad_json = cell.path("bad.json")
@@ -427,6 +442,7 @@ CASES = {
     "routing": case_routing,
     "rules": case_rules,
     "failover": case_failover,
+    "timeout": case_timeout,
     "config_errors": case_config_errors,
     "two_workers": case_two_workers,
     "publisher": case_publisher,
@@ -445,7 +461,7 @@ def main():
     if not os.path.exists(module):
         print("SKIPPED: %s is not built (make nginx builds it)" % module)
         return SKIP
-    cell = Cell(module, src)
+    cell = Cell(module, src, delays={"s1": 3} if name == "timeout" else None)
     try:
         CASES[name](cell)
         cell.stop()
