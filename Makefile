@@ -4,7 +4,7 @@
 # warnings.
 
 APT_PACKAGES := cmake ninja-build g++ pkg-config libjansson-dev libgtest-dev libgmock-dev \
-                libbenchmark-dev libcli11-dev python3
+                libbenchmark-dev libcli11-dev libmicrohttpd-dev python3
 BUILD ?= build
 CTEST_ARGS ?= --output-on-failure -j2
 WERROR := -DKYR_WERROR=ON
