@@ -9,9 +9,9 @@ BUILD ?= build
 CTEST_ARGS ?= --output-on-failure -j2
 WERROR := -DKYR_WERROR=ON
 # What the format check covers.
-FORMAT_FILES = $(shell git ls-files src api tools examples tests bench | grep -E '\.(c|cpp|h)$$')
+FORMAT_FILES = $(shell git ls-files src api tools examples tests bench hosts | grep -E '\.(c|cpp|h)$$')
 
-.PHONY: all deps build run test asan tsan release format tidy fuzz fuzz-build bench clean
+.PHONY: all deps build run test asan tsan release format tidy fuzz fuzz-build bench nginx clean
 
 all: build
 
@@ -113,6 +113,16 @@ fuzz-run-%:
 
 bench: build
 	$(BUILD)/bench/kyr_bench
+
+# The nginx module (hosts/nginx): installs nginx and nginx-dev, builds ngx_http_kyr_module.so in
+# $(BUILD) (from then on with the default target) and runs its end-to-end tests. Not part of
+# `make` or `make test`: installing the nginx package on a machine with systemd starts a web
+# server on port 80.
+nginx: deps
+	@./.ci/install-deps nginx nginx-dev
+	cmake -S . -B $(BUILD) -G Ninja $(WERROR) -DKYR_BUILD_NGINX_MODULE=ON
+	cmake --build $(BUILD) --target nginx_module
+	cd $(BUILD) && ctest $(CTEST_ARGS) -R '^nginx\.'
 
 clean:
 	rm -rf build build-asan build-tsan build-fuzz build-release build-release-clang
