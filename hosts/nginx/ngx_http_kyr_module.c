@@ -18,6 +18,7 @@ static char *ngx_http_kyr_init_main_conf(ngx_conf_t *cf, void *conf);
 static void *ngx_http_kyr_create_loc_conf(ngx_conf_t *cf);
 static char *ngx_http_kyr_merge_loc_conf(ngx_conf_t *cf, void *parent, void *child);
 static ngx_int_t ngx_http_kyr_postconfiguration(ngx_conf_t *cf);
+static ngx_int_t ngx_http_kyr_init_module(ngx_cycle_t *cycle);
 static ngx_int_t ngx_http_kyr_init_process(ngx_cycle_t *cycle);
 static void ngx_http_kyr_exit_process(ngx_cycle_t *cycle);
 static char *ngx_http_kyr_trace_catalogue(ngx_conf_t *cf, ngx_command_t *cmd, void *conf);
@@ -71,7 +72,7 @@ ngx_module_t ngx_http_kyr_module = {NGX_MODULE_V1,
                                     ngx_http_kyr_commands,     /* module directives */
                                     NGX_HTTP_MODULE,           /* module type */
                                     NULL,                      /* init master */
-                                    NULL,                      /* init module */
+                                    ngx_http_kyr_init_module,  /* init module */
                                     ngx_http_kyr_init_process, /* init process */
                                     NULL,                      /* init thread */
                                     NULL,                      /* exit thread */
@@ -136,6 +137,38 @@ static ngx_int_t ngx_http_kyr_postconfiguration(ngx_conf_t *cf) {
   return ngx_http_kyr_install_filter(cf);
 }
 
+/* The directory of the socket path up to its last '/' (the root for a file in it). */
+static void ngx_http_kyr_socket_dir(ngx_http_kyr_main_conf_t *kmcf, u_char *dir, size_t size) {
+  const char *path = (const char *)kmcf->socket_path.data;
+  const char *slash = strrchr(path, '/');
+  size_t len = slash == NULL ? 0 : slash == path ? 1 : (size_t)(slash - path);
+  ngx_cpystrn(dir, len > 0 ? (u_char *)path : (u_char *)".",
+              ngx_min((len > 0 ? len : 1) + 1, size));
+}
+
+/* The master creates a missing socket directory for the workers' user, as it does its temp
+ * directories; one that exists is left as it is (it may be /tmp). */
+static ngx_int_t ngx_http_kyr_init_module(ngx_cycle_t *cycle) {
+  ngx_http_kyr_main_conf_t *kmcf = ngx_http_cycle_get_module_main_conf(cycle, ngx_http_kyr_module);
+  if (kmcf == NULL || !kmcf->used || kmcf->socket_path.len == 0) return NGX_OK;
+  u_char dir[NGX_MAX_PATH];
+  ngx_http_kyr_socket_dir(kmcf, dir, sizeof dir);
+  if (mkdir((const char *)dir, 0700) != 0) {
+    if (ngx_errno == NGX_EEXIST) return NGX_OK;
+    ngx_log_error(NGX_LOG_EMERG, cycle->log, ngx_errno, "kyr: mkdir() \"%s\" for kyr_socket failed",
+                  dir);
+    return NGX_ERROR;
+  }
+  ngx_core_conf_t *ccf = (ngx_core_conf_t *)ngx_get_conf(cycle->conf_ctx, ngx_core_module);
+  if (geteuid() == 0 && ccf->user != (ngx_uid_t)NGX_CONF_UNSET_UINT &&
+      chown((const char *)dir, ccf->user, -1) != 0) {
+    ngx_log_error(NGX_LOG_EMERG, cycle->log, ngx_errno, "kyr: chown() \"%s\" for kyr_socket failed",
+                  dir);
+    return NGX_ERROR;
+  }
+  return NGX_OK;
+}
+
 /* Worker 0 learns the routing data and hands it to the others over the socket. A respawned
  * worker gets its old number, so the role survives a crash and the clients reconnect to it. */
 static ngx_int_t ngx_http_kyr_share(Kyr *kyr, ngx_http_kyr_main_conf_t *kmcf, ngx_log_t *log) {
@@ -149,9 +182,7 @@ static ngx_int_t ngx_http_kyr_share(Kyr *kyr, ngx_http_kyr_main_conf_t *kmcf, ng
   /* The library creates the socket when it starts, and a failure there only reaches the log:
    * the directory is checked here, where it can stop the worker with a clear message. */
   u_char dir[NGX_MAX_PATH];
-  u_char *slash = (u_char *)strrchr(path, '/');
-  size_t len = slash != NULL && slash != (u_char *)path ? (size_t)(slash - (u_char *)path) : 1;
-  ngx_cpystrn(dir, slash != NULL ? (u_char *)path : (u_char *)".", ngx_min(len + 1, sizeof dir));
+  ngx_http_kyr_socket_dir(kmcf, dir, sizeof dir);
   if (access((const char *)dir, W_OK | X_OK) != 0) {
     ngx_log_error(NGX_LOG_EMERG, log, ngx_errno,
                   "kyr: worker 0 cannot create the socket \"%s\": the worker processes' user "

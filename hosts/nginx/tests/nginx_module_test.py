@@ -51,10 +51,8 @@ class Cell:
         self.module = module
         self.src = src
         self.dir = tempfile.mkdtemp(prefix="kyr-nginx-")
-        # Workers drop root for nobody: they must reach the socket directory.
+        # Workers that drop root for nobody must reach the socket directory inside.
         os.chmod(self.dir, 0o755)
-        os.mkdir(os.path.join(self.dir, "run"), 0o777)
-        os.chmod(os.path.join(self.dir, "run"), 0o777)
         self.processes = []
         self.expected_alerts = []  # texts of [alert] lines a case provokes on purpose
         self.backends = {}
@@ -375,7 +373,8 @@ def roles(cell, connections=40):
 
 def case_two_workers(cell):
     # The kernel spreads new connections over both workers (reuseport). The proxy follows the
-    # endpoint's protocol and keeps connections to the endpoints open.
+    # endpoint's protocol and keeps connections to the endpoints open. The master creates the
+    # socket's directory for the workers.
     cell.config(["kyr_routing_document %s;" % cell.document(),
                  "kyr_socket %s;" % cell.path("run/kyr.sock")],
                 workers=2, listen=" reuseport", proxy="$kyr_scheme://cell",
