@@ -166,16 +166,24 @@ static void ngx_http_kyr_trace_discard(TrContext *context, va_list args) {
   (void)args;
 }
 
-/* The child: builds the handle as a worker would, its diagnostics going to the pipe. */
+/* How the child says that it wrote why the configuration is refused. The library ends the
+ * process itself on a catalogue it cannot read, with other statuses. */
+#define NGX_HTTP_KYR_CHECK_REFUSED 3
+
+/* The child: builds the handle as a worker would. The library writes its diagnostics to
+ * standard output and standard error; both go to the pipe. */
 static void ngx_http_kyr_check_child(ngx_http_kyr_main_conf_t *kmcf, int out) {
+  dup2(out, STDOUT_FILENO);
   dup2(out, STDERR_FILENO);
   char err[512];
   Kyr *kyr = ngx_http_kyr_create_handle(kmcf, ngx_http_kyr_trace_discard, err, sizeof err);
   if (kyr == NULL) {
+    fflush(NULL);
     dprintf(STDERR_FILENO, "%s\n", err);
-    _exit(1);
+    _exit(NGX_HTTP_KYR_CHECK_REFUSED);
   }
   kyrDestroy(kyr);
+  fflush(NULL);
   _exit(0);
 }
 
@@ -239,8 +247,12 @@ ngx_int_t ngx_http_kyr_check_configuration(ngx_http_kyr_main_conf_t *kmcf, ngx_l
     ngx_log_error(NGX_LOG_EMERG, log, 0, "kyr: %s", line);
     logged = 1;
   }
-  if (!logged) {
-    ngx_log_error(NGX_LOG_EMERG, log, 0, "kyr: the configuration check failed (status %d)", status);
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != NGX_HTTP_KYR_CHECK_REFUSED || !logged) {
+    int code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    ngx_log_error(NGX_LOG_EMERG, log, 0,
+                  "kyr: the library ended the configuration check (exit code %d): is \"%V\" a "
+                  "trace catalogue?",
+                  code, &kmcf->catalogue_path);
   }
   return NGX_ERROR;
 }

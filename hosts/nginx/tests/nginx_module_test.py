@@ -332,10 +332,15 @@ def case_config_errors(cell):
     with open(bad_json, "w") as f:
         f.write('{"version": 1, "add": ')
     missing = "/nonexistent/kyr-trace.xml"
+    not_a_catalogue = cell.path("catalogue.xml")
+    with open(not_a_catalogue, "w") as f:
+        f.write("<groups")
     cases = [
         (["kyr_routing_document %s;" % doc], "kyr_upstream;", missing,
          r'cannot open "/nonexistent/kyr-trace.xml"'),
         (["kyr_routing_document %s;" % bad_json], "kyr_upstream;", None, r"bad.json\" is not JSON"),
+        (["kyr_routing_document %s;" % doc], "kyr_upstream;", not_a_catalogue,
+         r'is ".*catalogue.xml" a trace catalogue'),
         (["kyr_routing_document /nonexistent/cell.json;"], "kyr_upstream;", None,
          r'cannot open "/nonexistent/cell.json"'),
         ([], "kyr_upstream;", None, r"no routing data"),
