@@ -2,9 +2,11 @@
 # ngx_http_kyr_module end to end: the stock nginx loads the module, routes through the example
 # cell to backend.py processes and answers as the library decides. Everything listens on
 # 127.0.0.1 on free ports, lives in a temporary directory and ends by itself; every wait is
-# bounded. Exits with 77 (CTest's skip) when nginx or the module is not there.
-# Usage: nginx_module_test.py MODULE_SO SOURCE_DIR CASE
-#   CASE: routing, rules, failover, timeout, config_errors, two_workers, publisher
+# bounded. Without nginx or the module a case fails and says what is missing: these tests are
+# part of the suite (make test installs nginx and builds the module), never skipped.
+# Usage: nginx_module_test.py MODULE_SO SOURCE_DIR CASE [KYRPUBLISH]
+#   CASE: routing, rules, failover, timeout, config_errors, two_workers, publisher,
+#         publisher_edit (needs KYRPUBLISH), bad_traffic
 import http.client
 import json
 import os
@@ -17,7 +19,6 @@ import sys
 import tempfile
 import time
 
-SKIP = 77
 HERE = os.path.dirname(os.path.abspath(__file__))
 NGINX = shutil.which("nginx") or "/usr/sbin/nginx"
 LIFETIME = "120"  # seconds a helper process lives at most
@@ -103,7 +104,7 @@ class Cell:
         return path
 
     def config(self, http_lines, workers=1, upstream="kyr_upstream;", listen="", catalogue=None,
-               proxy="http://cell", read_timeout="5s"):
+               proxy="http://cell", read_timeout="5s", location_lines=()):
         d = self.dir
         catalogue = catalogue or os.path.join(self.src, "data/kyr-trace.xml")
         text = """load_module %(module)s;
@@ -137,13 +138,15 @@ http {
       add_header X-Kyr-Server $kyr_server;
       proxy_connect_timeout 2s;
       proxy_read_timeout %(read_timeout)s;
+%(location)s
     }
   }
 }
 """ % {"module": self.module, "workers": workers, "d": d, "catalogue": catalogue,
        "http": "\n".join("  " + line for line in http_lines), "upstream": upstream,
        "port": self.port, "listen": listen, "proxy": proxy,
-       "read_timeout": read_timeout}
+       "read_timeout": read_timeout,
+       "location": "\n".join("      " + line for line in location_lines)}
         path = self.path("nginx.conf")
         with open(path, "w") as f:
             f.write(text)
@@ -442,6 +445,263 @@ def case_publisher(cell):
     check(initial == 1, "the publisher got %d initial requests, not one:\n%s" % (initial, text))
 
 
+def start_kyrpublish(cell, kyrpublish, document):
+    """kyrpublish on a free port of 127.0.0.1 serving DOCUMENT: its URL."""
+    check(kyrpublish and os.access(kyrpublish, os.X_OK),
+          "kyrpublish is not built (%r): build the kyrpublish target" % kyrpublish)
+    log = cell.path("kyrpublish.log")
+    with open(log, "w") as f:
+        cell.spawn([kyrpublish, "--listen", "127.0.0.1:0", "--cell", document],
+                   stderr=f)
+    deadline = time.monotonic() + 10
+    while True:
+        with open(log) as f:
+            m = re.search(r"listening on (http://127\.0\.0\.1:\d+)", f.read())
+        if m:
+            return m.group(1)
+        check(time.monotonic() < deadline, "kyrpublish did not say its port:\n" + open(log).read())
+        time.sleep(0.05)
+
+
+def redirects_by_worker(cell, connections=16):
+    """{worker pid: Location} of /shop/old/ answers, one new connection each."""
+    seen = {}
+    for _ in range(connections):
+        status, hdrs, _ = cell.get("/shop/old/index.html")
+        check(status == 302, "/shop/old/ gave %d, not 302" % status)
+        seen.setdefault(header(hdrs, "X-Worker"), set()).add(header(hdrs, "Location"))
+    return seen
+
+
+def case_publisher_edit(cell):
+    # Two workers learn the cell from a real kyrpublish serving a copy of it; an edit of that
+    # copy reaches both within a second: the redirect rule's target changes, and s3 goes into
+    # maintenance (new sessions leave it, its own sessions stay). kyrpublish watches the cell's
+    # directory and reads an edit once that directory is quiet, so the cell has a directory of
+    # its own, away from nginx's logs.
+    os.mkdir(cell.path("published"))
+    doc = cell.path("published/cell.json")
+    shutil.move(cell.document(), doc)
+    url = start_kyrpublish(cell, cell.kyrpublish, doc)
+    cell.config(["kyr_connector_group shopfront %s;" % url,
+                 "kyr_group_property shopfront waitTime 30;",
+                 "kyr_socket %s;" % cell.path("run/kyr.sock")], workers=2, listen=" reuseport",
+                location_lines=["add_header X-Worker $pid always;"])
+    cell.start(ready_count=10)
+    old = "https://shop.example.com/shop/"
+    new = "https://shop.example.com/shop/new/"
+    before = redirects_by_worker(cell, 40)
+    check(len(before) == 2, "only the workers %s answered" % sorted(before))
+    check(all(v == {old} for v in before.values()), "before the edit: %s" % before)
+    check({cell.backend_of("/shop/catalog") for _ in range(12)} == {"s1", "s2", "s3"},
+          "before the edit new sessions did not reach every server")
+
+    with open(doc) as f:
+        text = json.load(f)
+
+    def edit(o):
+        if isinstance(o, dict):
+            props = o.get("props", {})
+            if props.get("action") == "redirect:" + old:
+                props["action"] = "redirect:" + new
+            if o.get("type") == "server" and o.get("name") == "/server/s3":
+                props["server.maintenancemode"] = "affinity"
+            for v in o.values():
+                edit(v)
+        elif isinstance(o, list):
+            for v in o:
+                edit(v)
+
+    edit(text)
+    # An editor's write: a new file renamed over the old one.
+    with open(doc + ".new", "w") as f:
+        json.dump(text, f)
+    written = time.monotonic()
+    os.replace(doc + ".new", doc)
+    switched = {}  # worker pid -> seconds from the write to its first new answer
+    deadline = written + 5
+    while len(switched) < 2 and time.monotonic() < deadline:
+        status, hdrs, _ = cell.get("/shop/old/index.html")
+        check(status == 302, "during the edit /shop/old/ gave %d" % status)
+        worker = header(hdrs, "X-Worker")
+        if header(hdrs, "Location") == new and worker not in switched:
+            switched[worker] = time.monotonic() - written
+        time.sleep(0.002)
+    check(len(switched) == 2, "within 5 s only the workers %s answered with the edit (%s):\n%s"
+          % (sorted(switched), sorted(before), open(cell.path("kyrpublish.log")).read()))
+    slowest = max(switched.values())
+    print("edit to both workers: %s" % ", ".join("worker %s %.0f ms" % (w, 1000 * t)
+                                                  for w, t in sorted(switched.items())))
+    check(slowest < 1.0, "the edit took %.2f s to reach both workers" % slowest)
+    after = redirects_by_worker(cell, 40)
+    check(len(after) == 2 and all(v == {new} for v in after.values()),
+          "after the edit the workers answered %s" % after)
+    # Maintenance: new sessions avoid s3 on both workers, its sessions stay on it.
+    seen = {}
+    for _ in range(30):
+        status, hdrs, body = cell.get("/shop/catalog")
+        check(status == 200, "after the edit /shop/catalog gave %d" % status)
+        seen.setdefault(header(hdrs, "X-Worker"), set()).add(body.strip())
+    check(len(seen) == 2 and all(v == {"s1", "s2"} for v in seen.values()),
+          "with s3 in maintenance new sessions went to %s" % seen)
+    for _ in range(10):
+        got = cell.backend_of("/shop/catalog", {"Cookie": "JSESSIONID=0001abc:c3"})
+        check(got == "s3", "with s3 in maintenance its session went to %s" % got)
+
+
+def read_response(sock, buf):
+    """One response from a keepalive connection: (status, keeps the connection, rest of buf)."""
+    while b"\r\n\r\n" not in buf:
+        chunk = sock.recv(65536)
+        if not chunk:
+            raise ConnectionError("closed before a response")
+        buf += chunk
+    head, buf = buf.split(b"\r\n\r\n", 1)
+    lines = head.split(b"\r\n")
+    status = int(lines[0].split()[1])
+    fields = {}
+    for line in lines[1:]:
+        k, _, v = line.partition(b":")
+        fields[k.strip().lower()] = v.strip().lower()
+    if fields.get(b"transfer-encoding") == b"chunked":
+        while True:
+            while b"\r\n" not in buf:
+                buf += sock.recv(65536)
+            size_line, buf = buf.split(b"\r\n", 1)
+            size = int(size_line.split(b";")[0], 16)
+            while len(buf) < size + 2:
+                buf += sock.recv(65536)
+            buf = buf[size + 2:]
+            if size == 0:
+                break
+    else:
+        length = int(fields.get(b"content-length", b"0"))
+        while len(buf) < length:
+            chunk = sock.recv(65536)
+            if not chunk:
+                raise ConnectionError("closed inside a body")
+            buf += chunk
+        buf = buf[length:]
+    return status, fields.get(b"connection") != b"close", buf
+
+
+def bad_requests(seed, count):
+    """COUNT requests (bytes) with garbage cookies, huge headers and odd URIs."""
+    import random
+    rnd = random.Random(seed)
+    junk = bytes(b for b in range(256) if b not in (10, 13))
+
+    def garbage(n):
+        return bytes(rnd.choice(junk) for _ in range(n))
+
+    uris = [b"/shop/catalog", b"/shop/%2e%2e/%2e%2e/etc/passwd", b"/shop//catalog",
+            b"//shop///cart", b"/shop/..;/bank/account", b"/shop/a/../../bank", b"/shop/%00x",
+            b"/shop/%zz%", b"/bank/account?maintenance=%79es", b"/shop/old/%2e/x",
+            b"/shop/cart;jsessionid=", b"/shop/cart;jsessionid=:::", b"/shop/cart;jsessionid=x:c9:",
+            b"/shop/cart;jsessionid=" + b"c" * 3000, b"/shop/" + b"a/" * 2000, b"/%ff%fe/shop",
+            b"/shop;/;/;", b"/shop/catalog?" + b"&" * 1000, b"/shop/catalog#frag", b"*",
+            b"/shop/\xff\xfe", b"/shop/catalog?partition=1"]
+    cookies = [lambda: b"JSESSIONID=" + garbage(rnd.randrange(1, 200)),
+               lambda: b"JSESSIONID=" + b"x" * rnd.randrange(1000, 7900),
+               lambda: b"JSESSIONID=0001abc:" + b":".join(
+                   b"c%d" % rnd.randrange(-5, 50) for _ in range(rnd.randrange(0, 40))),
+               lambda: b"JSESSIONID=:c2; JSESSIONID=0001:c3; JSESSIONID=;JSESSIONID",
+               lambda: b"; ".join(b"JSESSIONID%d=%s:c1" % (i, garbage(5)) for i in range(100)),
+               lambda: b"ZQJESSIONID=" + garbage(rnd.randrange(1, 100)),
+               lambda: b"JSESSIONID=\"0001abc:c2\"",
+               lambda: b"=;=;;;JSESSIONID==:=:"]
+    for _ in range(count):
+        uri = rnd.choice(uris)
+        if rnd.random() < 0.2:
+            uri += garbage(rnd.randrange(1, 40)).replace(b" ", b"%20")
+        fields = [b"Host: shop.example.com", b"Cookie: " + rnd.choice(cookies)()]
+        r = rnd.random()
+        if r < 0.1:
+            fields.append(b"X-Big: " + b"h" * rnd.randrange(6000, 8200))
+        elif r < 0.2:
+            fields += [b"X-Many-%d: %s" % (i, b"v" * 60) for i in range(rnd.randrange(50, 120))]
+        elif r < 0.3:
+            fields.append(b"X-Beta: " + garbage(rnd.randrange(1, 50)))
+        elif r < 0.35:
+            fields.append(b"Host: second.example.com")
+        yield b"GET " + uri.replace(b" ", b"%20") + b" HTTP/1.1\r\n" + \
+            b"\r\n".join(f.replace(b"\x00", b"0") if rnd.random() < 0.5 else f
+                         for f in fields) + b"\r\n\r\n"
+
+
+def case_bad_traffic(cell):
+    # 10,000 hostile requests over keepalive connections from four client threads: whatever
+    # each gets, no worker may die or alert, and normal requests route afterwards.
+    import collections
+    import threading
+    cell.config(["kyr_routing_document %s;" % cell.document(),
+                 "kyr_socket %s;" % cell.path("run/kyr.sock")], workers=2, listen=" reuseport",
+                upstream="kyr_upstream; keepalive 8;")
+    cell.start(ready_count=10)
+    workers_before = subprocess.run(["ps", "-o", "pid=", "--ppid", str(cell.nginx.pid)],
+                                    capture_output=True, text=True).stdout.split()
+    statuses = collections.Counter()
+    errors = []
+    total, threads = 10000, 4
+
+    def client(seed):
+        sock, buf = None, b""
+        try:
+            for request in bad_requests(seed, total // threads):
+                for attempt in range(2):
+                    if sock is None:
+                        sock, buf = socket.create_connection(("127.0.0.1", cell.port),
+                                                             timeout=10), b""
+                    try:
+                        sock.sendall(request)
+                        status, keep, buf = read_response(sock, buf)
+                        statuses[status] += 1
+                        break
+                    except (ConnectionError, BrokenPipeError):
+                        # nginx closes a connection after some errors before reading it all.
+                        sock.close()
+                        sock = None
+                        if attempt:
+                            statuses["closed"] += 1
+                            break
+                if sock is not None and not keep:
+                    sock.close()
+                    sock = None
+        except (OSError, ValueError, IndexError) as e:
+            errors.append("client %d: %r" % (seed, e))
+        finally:
+            if sock is not None:
+                sock.close()
+
+    started = time.monotonic()
+    pool = [threading.Thread(target=client, args=(seed,)) for seed in range(threads)]
+    for t in pool:
+        t.start()
+    for t in pool:
+        t.join(timeout=100)
+    check(not any(t.is_alive() for t in pool), "the clients did not finish within 100 s")
+    print("%d requests in %.1f s: %s" % (sum(statuses.values()), time.monotonic() - started,
+                                         dict(sorted(statuses.items(), key=str))))
+    check(not errors, "clients failed: %s" % errors)
+    check(sum(statuses.values()) == total, "%d answers for %d requests" %
+          (sum(statuses.values()), total))
+    with open(cell.path("error.log")) as f:
+        text = f.read()
+    check("exited on signal" not in text, "a worker died:\n" + cell.log_tail())
+    workers_after = subprocess.run(["ps", "-o", "pid=", "--ppid", str(cell.nginx.pid)],
+                                   capture_output=True, text=True).stdout.split()
+    check(workers_after == workers_before, "the workers %s became %s" % (workers_before,
+                                                                          workers_after))
+    check(cell.nginx.poll() is None, "nginx ended")
+    seen = {cell.backend_of("/shop/catalog") for _ in range(12)}
+    check(seen == {"s1", "s2", "s3"}, "afterwards new sessions reached %s" % sorted(seen))
+    for _ in range(6):
+        got = cell.backend_of("/shop/catalog", {"Cookie": "JSESSIONID=0001abc:c2"})
+        check(got == "s2", "afterwards the session of c2 went to %s" % got)
+    status, hdrs, _ = cell.get("/shop/old/x")
+    check(status == 302, "afterwards the redirect rule gave %d" % status)
+
+
 CASES = {
     "routing": case_routing,
     "rules": case_rules,
@@ -450,22 +710,26 @@ CASES = {
     "config_errors": case_config_errors,
     "two_workers": case_two_workers,
     "publisher": case_publisher,
+    "publisher_edit": case_publisher_edit,
+    "bad_traffic": case_bad_traffic,
 }
 
 
 def main():
-    if len(sys.argv) != 4 or sys.argv[3] not in CASES:
-        sys.stderr.write("usage: %s MODULE_SO SOURCE_DIR {%s}\n" %
+    if len(sys.argv) not in (4, 5) or sys.argv[3] not in CASES:
+        sys.stderr.write("usage: %s MODULE_SO SOURCE_DIR {%s} [KYRPUBLISH]\n" %
                          (sys.argv[0], ",".join(CASES)))
         return 2
     module, src, name = os.path.abspath(sys.argv[1]), os.path.abspath(sys.argv[2]), sys.argv[3]
     if not os.access(NGINX, os.X_OK):
-        print("SKIPPED: nginx is not installed (make nginx installs nginx and nginx-dev)")
-        return SKIP
+        print("FAIL %s: nginx is not installed (make test installs nginx and nginx-dev)" % name)
+        return 1
     if not os.path.exists(module):
-        print("SKIPPED: %s is not built (make nginx builds it)" % module)
-        return SKIP
+        print("FAIL %s: %s is not built: configure with -DKYR_BUILD_NGINX_MODULE=ON (make test "
+              "does) and build" % (name, module))
+        return 1
     cell = Cell(module, src, delays={"s1": 3} if name == "timeout" else None)
+    cell.kyrpublish = sys.argv[4] if len(sys.argv) > 4 else None
     try:
         CASES[name](cell)
         cell.stop()
