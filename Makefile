@@ -12,7 +12,7 @@ WERROR := -DKYR_WERROR=ON
 FORMAT_FILES = $(shell git ls-files src api tools examples tests bench hosts | grep -E '\.(c|cpp|h)$$')
 
 .PHONY: all deps nginx-deps build run test asan tsan release format tidy fuzz fuzz-build bench nginx \
-        clean
+        bench-nginx demo clean
 
 all: build
 
@@ -142,6 +142,13 @@ nginx: deps nginx-deps
 	cmake --build $(BUILD) --target nginx_module
 	cd $(BUILD) && ctest $(CTEST_ARGS) -R '^nginx\.'
 
+# The nginx module at work (examples/nginx-demo.sh): kyrpublish with a copy of the example cell,
+# three backends and nginx with the module on free loopback ports; affinity, editions, a reject,
+# a redirect and a live edit of the cell. Stops everything it started.
+demo: deps nginx-deps
+	cmake -S . -B $(BUILD) -G Ninja $(WERROR) -DKYR_BUILD_NGINX_MODULE=ON
+	cmake --build $(BUILD) --target nginx_module kyrpublish
+	examples/nginx-demo.sh $(BUILD)
 
 clean:
 	rm -rf build build-asan build-tsan build-fuzz build-release build-release-clang
