@@ -150,5 +150,19 @@ demo: deps nginx-deps
 	cmake --build $(BUILD) --target nginx_module kyrpublish
 	examples/nginx-demo.sh $(BUILD)
 
+# Load benchmark of the nginx module against nginx's own least_conn and HAProxy's leastconn
+# with cookie affinity (bench/nginx_load.sh; ROUNDS, SECONDS_PER_RUN, CONNECTIONS). wrk and
+# haproxy are installed here only; a haproxy service the install starts is stopped again.
+bench-nginx: deps nginx-deps
+	@fresh=; dpkg-query -W -f='$${Status}' haproxy 2>/dev/null | grep -q "install ok installed" \
+	  || fresh=1; \
+	./.ci/install-deps wrk haproxy || exit 1; \
+	if [ -n "$$fresh" ]; then \
+	  sudo=; [ "$$(id -u)" -ne 0 ] && sudo=sudo; $$sudo service haproxy stop >/dev/null 2>&1 || true; \
+	fi
+	cmake -S . -B $(BUILD) -G Ninja $(WERROR) -DKYR_BUILD_NGINX_MODULE=ON
+	cmake --build $(BUILD) --target nginx_module
+	bench/nginx_load.sh $(BUILD)
+
 clean:
 	rm -rf build build-asan build-tsan build-fuzz build-release build-release-clang
