@@ -163,15 +163,16 @@ void kyrRestRequestDelete(KyrRestRequest* req) {
 
 void kyrRestResponseHandler(KyrHttpResponse* response, KyrHttpResponseContext* passback) {
   auto* req = reinterpret_cast<KyrRestRequest*>(passback);
-  // The handling may let go of the request's group and with it the group's handle reference.
   Kyr* kyr = req->kyr;
-  kyrObtainRef(kyr, "kyrRestResponseHandler");
+  bool lastForDestroy;
   {
+    // The count falls last and under the lock: a destroy waiting for it still holds the
+    // handle, and once it sees zero it takes the lock again only after this thread let go.
     ControlLockGuard guard("kyrRestResponseHandler");
     handleResponse(req, response);
+    lastForDestroy = --kyr->restRequestsInFlight == 0 && kyr->destroyLeftToRequests;
   }
-  --kyr->restRequestsInFlight;
-  kyrReleaseRef(kyr, "kyrRestResponseHandler");
+  if (lastForDestroy) kyrReleaseRef(kyr, "kyrDestroy2");
 }
 
 }  // namespace kyr

@@ -130,10 +130,13 @@ struct _Kyr {
   // Set when the last reference went on the worker thread itself (a work item destroyed the
   // handle): the worker frees the handle as its own last step. Only the worker touches it.
   bool asyncWorkFreesHandle;
-  // REST requests the connector transport holds: raised by each send it accepts, lowered as
-  // each answer's handling ends. Destroy waits for it to fall to zero, so that no transport
-  // thread calls into the host after destroy has returned.
+  // REST requests the connector transport holds: raised by each send it accepts, lowered under
+  // the control lock as each answer's handling ends. Destroy waits for it to fall to zero, so
+  // that no transport thread calls into the host after destroy has returned.
   std::atomic<int> restRequestsInFlight;
+  // Set by a destroy that gave up waiting (a host transport still holds requests): the last of
+  // them drops the creator's reference in its place. Under the control lock.
+  bool destroyLeftToRequests;
 };
 
 namespace kyr {

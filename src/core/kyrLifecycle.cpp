@@ -68,6 +68,7 @@ void awaitRestRequests(Kyr* kyr) {
   if (kyr->restRequestsInFlight > 0) {
     trDebug(kyr->trCtx, kyr->processRec, "kyrDestroy2: %d REST requests still unanswered\n",
             kyr->restRequestsInFlight.load());
+    kyr->destroyLeftToRequests = true;
   }
 }
 
@@ -162,7 +163,8 @@ void kyrDestroy2(Kyr* kyr) {
   kyrRoutingInfoRelease(halfBuilt);
   kyrAsyncWorkStop(kyr);
   kyrSetState(kyr, DELETED, "deleted");
-  kyrReleaseRef(kyr, "kyrDestroy2");
+  // Requests a host transport still holds keep the handle; the last of them lets it go.
+  if (!kyr->destroyLeftToRequests) kyrReleaseRef(kyr, "kyrDestroy2");
 }
 
 }  // namespace kyr
