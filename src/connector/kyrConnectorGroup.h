@@ -64,7 +64,7 @@ void kyrConnectorGroupDelete2(void* cg);
 void kyrConnectorGroupObtainRef(KyrConnectorGroup* cg, const char* reason);
 void kyrConnectorGroupReleaseRef(KyrConnectorGroup* cg, const char* reason);
 void kyrAddConnectorGroup(Kyr* kyr, KyrConnectorGroup* cg);
-// The specification the initial request carries: the host's, or the library's own.
+// The interest list the initial request carries: the host's, or the library's own.
 const char* kyrConnectorGroupGetInterestSpec2(KyrConnectorGroup* cg);
 // Rebuilds restURI from uri, the group's name and the handle's server name.
 void kyrConnectorGroupUpdateRestURI(KyrConnectorGroup* cg);
