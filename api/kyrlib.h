@@ -243,7 +243,8 @@ KYR_EXPORT int kyrStop(Kyr* kyr);
  * Publisher requests in flight are aborted and their answers handled before it returns (it
  * waits at most two seconds for a host transport). A retry alarm that is pending (a group that
  * failed) still fires later and then only lets go of its references: keep trace.printf and
- * threadInit valid for the life of the process. */
+ * threadInit valid for the life of the process. For the same reason the shared library is
+ * never unloaded, even by a host that dlcloses it (its threads may outlive every handle). */
 KYR_EXPORT void kyrDestroy(Kyr* kyr);
 KYR_EXPORT void kyrObtainRef(Kyr* kyr, const char* reason);
 KYR_EXPORT void kyrReleaseRef(Kyr* kyr, const char* reason);
