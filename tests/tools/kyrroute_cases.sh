@@ -118,10 +118,12 @@ case "$case_name" in
     expect 0 "decision  redirect https://shop.example.com/shop/" -- "$tool" $ws route --doc "$cell" GET https://shop.example.com/shop/old/x ;;
   requests)
     expect 0 "reject 404" -- "$tool" $ws route --doc "$cell" --requests "$requests"
+    # Requests without a random rule on standard input, with service times set among them, are
+    # decided as from a file, each as its line arrives.
+    fixed_requests
+    expect 0 "reject 404" -- "$tool" $ws route --doc "$cell" --requests "$dir/requests"
     grep -E '^(GET|  )' "$out" >"$dir/from-file"
-    # The same requests on standard input, with service times set among them, are decided the
-    # same way, each as its line arrives.
-    { echo "service-time 1"; sed '4a service-time s2=2' "$requests"; } >"$dir/timed"
+    { echo "service-time 1"; sed '1a service-time s2=2' "$dir/requests"; } >"$dir/timed"
     expect 0 "reject 404" -- "$tool" $ws route --doc "$cell" --requests - <"$dir/timed"
     grep -E '^(GET|  )' "$out" | cmp -s "$dir/from-file" - || fail "the decisions differ" ;;
   balance)
