@@ -129,6 +129,47 @@ spread() {
     --repeat 300 >"$dir/spread.out" 2>&1 || fail "route --publisher $1 failed"
 }
 
+# add_health_policy NAME TYPE THRESHOLD: adds a health policy to the cell, linked to every
+# server.
+add_health_policy() {
+  python3 - "$cell" "$@" <<'EOF'
+import json, sys
+path, name, kind, threshold = sys.argv[1:]
+doc = json.load(open(path))
+add = doc["add"]
+add["objects"].append({"type": "healthPolicy", "name": name,
+                       "props": {"type": kind, "threshold": int(threshold)}})
+servers = [r["server"] for r in add["relationships"]["cluster:server"]]
+add["relationships"]["server:healthPolicy"] = [{"server": s, "healthPolicy": name} for s in servers]
+open(path, "w").write(json.dumps(doc, indent=1))
+EOF
+}
+
+# health_state SERVER: what the publisher last heard of SERVER's health policy, true or false,
+# or none.
+health_state() {
+  "$pub" status --json "$url" | python3 -c '
+import json, sys
+state = "none"
+for t in json.load(sys.stdin)["healthTriggers"]["latest"]:
+    if t["serverName"] == sys.argv[1]:
+        state = "true" if t["healthPolicyTriggered"] else "false"
+print(state)' "$1"
+}
+
+# feed LINE: one request to the web server reading fd 3, and until its decision is printed
+# (10 s at most).
+feed() {
+  echo "$1" >&3
+  sent=$((sent + 1))
+  n=0
+  while [ "$(grep -c '^  decision' "$dir/health.out")" -lt $sent ]; do
+    [ $n -ge 100 ] && fail "request $sent was not decided within 10 s"
+    sleep 0.1
+    n=$((n + 1))
+  done
+}
+
 vmrss() { awk '/^VmRSS/ {print $2}' "/proc/$1/status"; }
 
 case "$case_name" in
@@ -399,6 +440,55 @@ EOF
       fail "VmRSS grew from $before kB to $(vmrss "$pid") kB"
     wait_for "$dir/a.log" "http: .*414"
     spread "$url" ;;
+  health)
+    # A web server whose server s1 answers slowly makes its publisher show the response-time
+    # policy triggered for s1, and untriggered once s1 answers quickly again; s2 and s3, linked
+    # to the same policy and always quick, are never reported. Requests are fed one at a time
+    # and each is answered before the status is read, so no slow request waits in the pipe
+    # when the times recover. The library averages a server's response times over 15 s, so
+    # the recovery takes that long to be seen.
+    add_health_policy /healthPolicy/slowResponse ExcessiveResponseTime 300
+    start a 127.0.0.1:0
+    url=$(cat "$dir/a.url")
+    mkfifo "$dir/feed"
+    timeout 100 "$route" $ws route --publisher "$url" --requests - --service-time 10 \
+      --service-time s1=600 <"$dir/feed" >"$dir/health.out" 2>&1 &
+    feeder=$!
+    pids="$pids $feeder"
+    trap '' PIPE # a web server that died shows as a missing decision, not a killed script
+    exec 3>"$dir/feed"
+    s1=/cell/shop/node/n1/server/s1
+    sent=0
+    start_time=$(date +%s)
+    while [ "$(health_state $s1)" != true ]; do
+      [ $(($(date +%s) - start_time)) -ge 30 ] || [ $sent -ge 30 ] &&
+        fail "s1 was not reported triggered after $sent requests"
+      feed "GET https://shop.example.com/bank/account"
+    done
+    grep -q "^  server    $s1 " "$dir/health.out" || fail "no request went to s1"
+    echo "service-time s1=10" >&3
+    start_time=$(date +%s)
+    while [ "$(health_state $s1)" != false ]; do
+      [ $(($(date +%s) - start_time)) -ge 45 ] || [ $sent -ge 2000 ] &&
+        fail "s1 was not reported untriggered within 45 s of quick answers ($sent requests)"
+      feed "GET https://shop.example.com/bank/account"
+    done
+    echo "untriggered after $(($(date +%s) - start_time)) s of quick answers, $sent requests"
+    exec 3>&-
+    wait_exit $feeder || fail "kyrroute route --requests - failed"
+    "$pub" status --json "$url" >"$dir/status.json" || fail "status failed"
+    python3 - "$dir/status.json" <<'EOF' || fail "the publisher's triggers are not s1's trigger and untrigger"
+import json, sys
+triggers = json.load(open(sys.argv[1]))["healthTriggers"]
+seen = [(t["healthPolicyName"], t["serverName"], t["healthPolicyTriggered"], t["group"], t["server"])
+        for t in triggers["latest"]]
+s1 = "/cell/shop/node/n1/server/s1"
+want = [("/healthPolicy/slowResponse", s1, v, "kyrroute", "shop_n1_webserver1") for v in (True, False)]
+assert triggers["received"] == 2 and seen == want, seen
+EOF
+    "$pub" status "$url" >"$dir/status.out" 2>&1 || fail "status failed"
+    grep -q "healthPolicyName=/healthPolicy/slowResponse  serverName=$s1  healthPolicyTriggered=false" \
+      "$dir/status.out" || fail "the status table lacks the untrigger" ;;
   options)
     # Bad command lines and unservable cells end at once with one line and status 2.
     printf '{"add": ' >"$dir/broken.json"

@@ -117,7 +117,15 @@ case "$case_name" in
     expect 0 "ZQJESSIONID=aa:c[123]; Path=/shop" -- "$tool" $ws route --doc "$cell" GET https://shop.example.com/shop/catalog -H "X-Beta: yes"
     expect 0 "decision  redirect https://shop.example.com/shop/" -- "$tool" $ws route --doc "$cell" GET https://shop.example.com/shop/old/x ;;
   requests)
-    expect 0 "reject 404" -- "$tool" $ws route --doc "$cell" --requests "$requests" ;;
+    expect 0 "reject 404" -- "$tool" $ws route --doc "$cell" --requests "$requests"
+    # Requests without a random rule on standard input, with service times set among them, are
+    # decided as from a file, each as its line arrives.
+    fixed_requests
+    expect 0 "reject 404" -- "$tool" $ws route --doc "$cell" --requests "$dir/requests"
+    grep -E '^(GET|  )' "$out" >"$dir/from-file"
+    { echo "service-time 1"; sed '1a service-time s2=2' "$dir/requests"; } >"$dir/timed"
+    expect 0 "reject 404" -- "$tool" $ws route --doc "$cell" --requests - <"$dir/timed"
+    grep -E '^(GET|  )' "$out" | cmp -s "$dir/from-file" - || fail "the decisions differ" ;;
   balance)
     # One request at a time: every server is idle when asked, so the rotation takes each in
     # turn whatever its weight (weights only count between busy servers).
@@ -146,6 +154,13 @@ case "$case_name" in
     expect 2 "^kyrroute: .*--bogus" -- "$tool" route --doc "$cell" --bogus
     expect 2 "^kyrroute: URL 'shop.example.com' has no scheme" -- "$tool" route --doc "$cell" GET shop.example.com
     expect 2 "^kyrroute: .*requests.txt:2: request line" -- "$tool" route --doc "$cell" --requests "$src/tests/data/bad-requests.txt"
+    expect 2 "^kyrroute: service time 's1=soon' is not '\[SERVER=\]MS'" -- "$tool" route --doc "$cell" \
+      --service-time s1=soon GET http://a/
+    printf 'GET https://shop.example.com/nowhere\nservice-time =5\n' >"$dir/bad-time"
+    expect 2 "^kyrroute: standard input:2: service time '=5' is not" -- "$tool" route --doc "$cell" \
+      --requests - <"$dir/bad-time"
+    expect 2 "^kyrroute: --repeat needs the requests in advance" -- "$tool" route --doc "$cell" \
+      --requests - --repeat 2 </dev/null
     expect 2 "^kyrroute: .*subcommand" -- "$tool" ;;
   publisher_route)
     # The same cell from a publisher gives the same decisions as from the file.

@@ -205,9 +205,15 @@ Decision Library::route(const Request& request, const HeaderList& response) {
     d.protocol = orEmpty(kyrTargetEndpointGetProtocol(tep));
     d.host = orEmpty(kyrTargetEndpointGetHostName(tep));
     d.port = kyrTargetEndpointGetPort(tep);
-    // The request goes out and its response comes back.
-    for (KyrHttpContextState state :
-         {CONNECT_SUCCESS, REQUEST_SENDING, REQUEST_SENT, RESPONSE_ARRIVED, RESPONSE_SENT}) {
+    // The request goes out and, after the simulated server's service time, its response comes
+    // back. The library times the request itself between the two reports, as it does for a
+    // real server, so the wait is what it measures.
+    for (KyrHttpContextState state : {CONNECT_SUCCESS, REQUEST_SENDING, REQUEST_SENT}) {
+      kyrHttpContextSetState(ctx, state, 0, nullptr);
+    }
+    int serviceTimeMs = request.serviceTimes.forServer(d.server);
+    if (serviceTimeMs > 0) std::this_thread::sleep_for(std::chrono::milliseconds(serviceTimeMs));
+    for (KyrHttpContextState state : {RESPONSE_ARRIVED, RESPONSE_SENT}) {
       kyrHttpContextSetState(ctx, state, 0, nullptr);
     }
   }

@@ -66,7 +66,7 @@ class Library {
   KyrComponentState state() const { return kyrGetState(kyr_); }
   const std::vector<Diagnostic>& diagnostics() const { return diagnostics_; }
   // Routes the request through the whole life of a request context; `response` are the headers
-  // of the simulated response.
+  // of the simulated response, which comes after the request's service time for its server.
   Decision route(const Request& request, const HeaderList& response);
   std::string stateReport();
 

@@ -30,7 +30,8 @@ struct Options {
   // route
   std::string method, url;
   std::vector<std::string> headers, response;
-  std::string requestFile;
+  std::string requestFile;  // "-": standard input, routed as it arrives
+  std::vector<std::string> serviceTimes;
   int repeat = 1;
 };
 
@@ -54,26 +55,36 @@ bool loadAll(Library& library, const Options& o) {
   return true;
 }
 
-std::optional<std::vector<kyrroute::Request>> readRequests(const Options& o) {
+bool fromStdin(const Options& o) { return o.requestFile == "-"; }
+
+// The requests given in advance, on the command line and in the request file; `times` ends as
+// the service times in effect after them.
+std::optional<std::vector<kyrroute::Request>> readRequests(const Options& o,
+                                                           kyrroute::ServiceTimes& times) {
   std::vector<kyrroute::Request> requests;
   std::string error;
+  for (const std::string& t : o.serviceTimes) {
+    if (!kyrroute::setServiceTime(times, t, error)) return fail(error), std::nullopt;
+  }
   if (!o.method.empty()) {
     auto r = kyrroute::makeRequest(o.method, o.url, o.headers, error);
     if (!r) return fail(error), std::nullopt;
+    r->serviceTimes = times;
     requests.push_back(*r);
   }
-  if (!o.requestFile.empty()) {
+  if (!o.requestFile.empty() && !fromStdin(o)) {
     std::ifstream in(o.requestFile);
     if (!in) return fail("cannot read " + o.requestFile), std::nullopt;
     std::string line;
     for (int n = 1; std::getline(in, line); ++n) {
-      if (line.find_first_not_of(" \t\r") == std::string::npos || line[0] == '#') continue;
-      auto r = kyrroute::parseRequestLine(line, error);
-      if (!r) return fail(o.requestFile + ":" + std::to_string(n) + ": " + error), std::nullopt;
-      requests.push_back(*r);
+      if (!kyrroute::readRequestLine(line, times, requests, error)) {
+        return fail(o.requestFile + ":" + std::to_string(n) + ": " + error), std::nullopt;
+      }
     }
   }
-  if (requests.empty()) return fail("no request: give METHOD URL or --requests FILE"), std::nullopt;
+  if (requests.empty() && !fromStdin(o)) {
+    return fail("no request: give METHOD URL or --requests FILE"), std::nullopt;
+  }
   return requests;
 }
 
@@ -90,10 +101,34 @@ std::optional<kyrroute::HeaderList> responseHeaders(const Options& o) {
   return headers;
 }
 
+// Requests from standard input are routed as their lines arrive and each decision is printed
+// at once, so a script can feed a running web server and watch what follows, such as what its
+// publisher hears. A bad line ends the run as it would in a file.
+int routeStream(Library& library, const Options& o, const std::vector<kyrroute::Request>& first,
+                kyrroute::ServiceTimes times, const kyrroute::HeaderList& response) {
+  for (const auto& r : first)
+    kyrroute::printDecision(std::cout, library.route(r, response), o.json);
+  std::cout.flush();
+  std::string line, error;
+  for (int n = 1; std::getline(std::cin, line); ++n) {
+    std::vector<kyrroute::Request> requests;
+    if (!kyrroute::readRequestLine(line, times, requests, error)) {
+      return fail("standard input:" + std::to_string(n) + ": " + error);
+    }
+    for (const auto& r : requests) {
+      kyrroute::printDecision(std::cout, library.route(r, response), o.json);
+    }
+    std::cout.flush();
+  }
+  return 0;
+}
+
 int route(Library& library, const Options& o) {
-  auto requests = readRequests(o);
+  kyrroute::ServiceTimes times;
+  auto requests = readRequests(o, times);
   auto response = responseHeaders(o);
   if (!requests || !response || !loadAll(library, o)) return 2;
+  if (fromStdin(o)) return routeStream(library, o, *requests, times, *response);
   std::vector<kyrroute::Decision> decisions;
   for (int i = 0; i < o.repeat; ++i) {
     for (const auto& r : *requests) decisions.push_back(library.route(r, *response));
@@ -188,10 +223,19 @@ int main(int argc, char** argv) {
   routeCmd->add_option("url", o.url, "request URL, e.g. https://shop.example.com/shop/cart");
   routeCmd->add_option("-H,--header", o.headers, "request header 'Name: value'; repeatable")
       ->allow_extra_args(false);
-  routeCmd->add_option("--requests", o.requestFile,
-                       "file of requests, one per line: METHOD URL [| Name: value]...");
+  routeCmd->add_option(
+      "--requests", o.requestFile,
+      "file of requests, one per line: METHOD URL [| Name: value]...; a line 'service-time "
+      "[SERVER=]MS' sets the service time for the requests after it; '-' reads standard input "
+      "and routes each line as it arrives");
   routeCmd->add_option("--repeat", o.repeat, "route the requests N times and show the spread")
       ->check(CLI::PositiveNumber);
+  routeCmd
+      ->add_option("--service-time", o.serviceTimes,
+                   "[SERVER=]MS: milliseconds the simulated server takes to answer, for every "
+                   "server or for SERVER alone (its full name or last part, e.g. s1); the "
+                   "library measures it for its health policies; repeatable (default 0)")
+      ->allow_extra_args(false);
   routeCmd
       ->add_option("--respond", o.response,
                    "header of the simulated response, e.g. 'Set-Cookie: JSESSIONID=0001:c1'")
@@ -219,6 +263,9 @@ int main(int argc, char** argv) {
   }
   if (routeCmd->parsed() && !o.method.empty() && o.url.empty()) {
     return fail("a request needs both METHOD and URL");
+  }
+  if (routeCmd->parsed() && fromStdin(o) && o.repeat > 1) {
+    return fail("--repeat needs the requests in advance, not from standard input");
   }
   if ((routeCmd->parsed() || stateCmd->parsed()) && o.doc.empty() && o.publishers.urls.empty()) {
     return fail("no routing data: give --doc FILE or --publisher URL");

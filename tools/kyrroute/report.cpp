@@ -87,21 +87,31 @@ void printDecisions(std::ostream& out, const std::vector<Decision>& decisions, b
     printJSON(out, array);
     return;
   }
-  for (const Decision& d : decisions) {
-    out << d.request << "\n";
-    if (!d.module.empty()) {
-      out << "  module    " << d.module << " (application " << d.application;
-      if (!d.edition.empty()) out << ", edition " << d.edition;
-      out << ")\n";
-    }
-    out << "  decision  " << actionText(d) << "\n";
-    if (d.routed) {
-      out << "  server    " << d.server << " (clone " << (d.cloneId.empty() ? "-" : d.cloneId)
-          << ")\n  endpoint  " << endpointText(d) << "\n";
-    }
-    if (!d.headersSet.empty()) out << "  headers   " << joined(d.headersSet, ": ") << "\n";
-    if (!d.cookiesSet.empty()) out << "  cookies   " << joined(d.cookiesSet, "=") << "\n";
+  for (const Decision& d : decisions) printDecision(out, d, false);
+}
+
+void printDecision(std::ostream& out, const Decision& d, bool json) {
+  if (json) {
+    json_t* o = decisionToJSON(d);
+    char* text = json_dumps(o, JSON_COMPACT);
+    out << text << "\n";
+    free(text);
+    json_decref(o);
+    return;
   }
+  out << d.request << "\n";
+  if (!d.module.empty()) {
+    out << "  module    " << d.module << " (application " << d.application;
+    if (!d.edition.empty()) out << ", edition " << d.edition;
+    out << ")\n";
+  }
+  out << "  decision  " << actionText(d) << "\n";
+  if (d.routed) {
+    out << "  server    " << d.server << " (clone " << (d.cloneId.empty() ? "-" : d.cloneId)
+        << ")\n  endpoint  " << endpointText(d) << "\n";
+  }
+  if (!d.headersSet.empty()) out << "  headers   " << joined(d.headersSet, ": ") << "\n";
+  if (!d.cookiesSet.empty()) out << "  cookies   " << joined(d.cookiesSet, "=") << "\n";
 }
 
 void printDistribution(std::ostream& out, const std::vector<Decision>& decisions, bool json) {

@@ -1,9 +1,10 @@
 // Parsing the requests kyrroute routes: URLs into protocol, host, port, path and query, header
-// lines into name and value, and the Cookie header into cookies.
+// lines into name and value, the Cookie header into cookies, and the simulated service times.
 #include "request.h"
 
 #include <cctype>
 #include <sstream>
+#include <utility>
 
 namespace kyrroute {
 namespace {
@@ -79,6 +80,26 @@ bool addHeader(Request& r, const std::string& header, std::string& error) {
 
 }  // namespace
 
+int ServiceTimes::forServer(const std::string& name) const {
+  auto found = serverMs.find(name);
+  if (found == serverMs.end()) found = serverMs.find(name.substr(name.rfind('/') + 1));
+  return found != serverMs.end() ? found->second : everyMs;
+}
+
+bool setServiceTime(ServiceTimes& times, const std::string& text, std::string& error) {
+  size_t equals = text.rfind('=');
+  std::string server = equals == std::string::npos ? "" : trim(text.substr(0, equals));
+  std::string ms = trim(equals == std::string::npos ? text : text.substr(equals + 1));
+  // An hour is far beyond any time-out a server is given; longer is a typing error.
+  if (ms.empty() || ms.size() > 7 || ms.find_first_not_of("0123456789") != std::string::npos ||
+      std::stoi(ms) > 3600000 || (equals != std::string::npos && server.empty())) {
+    error = "service time '" + text + "' is not '[SERVER=]MS' (milliseconds, at most 3600000)";
+    return false;
+  }
+  (server.empty() ? times.everyMs : times.serverMs[server]) = std::stoi(ms);
+  return true;
+}
+
 std::optional<Request> makeRequest(const std::string& method, const std::string& url,
                                    const std::vector<std::string>& headers, std::string& error) {
   Request r;
@@ -109,6 +130,24 @@ std::optional<Request> parseRequestLine(const std::string& line, std::string& er
     return std::nullopt;
   }
   return makeRequest(method, url, std::vector<std::string>(parts.begin() + 1, parts.end()), error);
+}
+
+bool readRequestLine(const std::string& line, ServiceTimes& times, std::vector<Request>& requests,
+                     std::string& error) {
+  std::string text = trim(line);
+  if (text.empty() || text[0] == '#') return true;
+  static const std::string kServiceTime = "service-time";
+  // Methods are written in capitals, so this word never begins a request.
+  if (text.rfind(kServiceTime, 0) == 0 &&
+      (text.size() == kServiceTime.size() || text[kServiceTime.size()] == ' ' ||
+       text[kServiceTime.size()] == '\t')) {
+    return setServiceTime(times, trim(text.substr(kServiceTime.size())), error);
+  }
+  auto r = parseRequestLine(text, error);
+  if (!r) return false;
+  r->serviceTimes = times;
+  requests.push_back(std::move(*r));
+  return true;
 }
 
 }  // namespace kyrroute

@@ -1,5 +1,6 @@
 // A request as kyrroute's user writes it: "METHOD URL", optionally followed by headers, on the
-// command line or one per line in a file ("GET https://shop.example.com/cart | Cookie: a=b").
+// command line or one per line in a file ("GET https://shop.example.com/cart | Cookie: a=b"),
+// and how long the server it goes to takes to answer.
 #pragma once
 
 #include <map>
@@ -9,6 +10,17 @@
 #include <vector>
 
 namespace kyrroute {
+
+// How long the simulated servers take to answer, in milliseconds: one time for every server,
+// and times for single servers, named in full or by the last part of the name ("s1").
+struct ServiceTimes {
+  int everyMs = 0;
+  std::map<std::string, int> serverMs;
+  int forServer(const std::string& name) const;
+};
+
+// Applies "[SERVER=]MS" to `times`; false with `error` set when the text is not that.
+bool setServiceTime(ServiceTimes& times, const std::string& text, std::string& error);
 
 struct Request {
   std::string method;
@@ -20,6 +32,7 @@ struct Request {
   std::vector<std::pair<std::string, std::string>> headers;
   std::map<std::string, std::string> cookies;  // from the Cookie headers
   std::string text;                            // as written, for reports
+  ServiceTimes serviceTimes;                   // in effect where the request was given
 };
 
 // A request from its parts; the error names what is wrong.
@@ -27,5 +40,10 @@ std::optional<Request> makeRequest(const std::string& method, const std::string&
                                    const std::vector<std::string>& headers, std::string& error);
 // A request from one line of a request file: "METHOD URL [| Name: value]...".
 std::optional<Request> parseRequestLine(const std::string& line, std::string& error);
+// One line of a request file: blank lines and "#" comments are passed over, a request is added
+// to `requests` with the current `times`, and "service-time [SERVER=]MS" changes `times` for the
+// requests that follow. false with `error` set for a line that is none of these.
+bool readRequestLine(const std::string& line, ServiceTimes& times, std::vector<Request>& requests,
+                     std::string& error);
 
 }  // namespace kyrroute
