@@ -85,7 +85,8 @@ struct _Kyr {
   kyr::KyrHashMap* sappMap;
   kyr::KyrPartitionIDData partitionIDData;
   TrMgr* trMgr;
-  TrSpec* customPropDefaultRequestTraceSpec;  // guarded by trSpecLock
+  // Guarded by trSpecLock, and stored atomically: requests test it for null without the lock.
+  TrSpec* customPropDefaultRequestTraceSpec;
   kyr::KyrLock* trSpecLock;  // guards the default and default-request trace specifications
   TrContext* trCtx;
   TrRecord* processRec;

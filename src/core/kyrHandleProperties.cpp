@@ -3,6 +3,7 @@
 // clearing the web-server value brings the cell value back.
 #include "core/kyrHandleProperties.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 
@@ -61,7 +62,8 @@ void setDefaultRequestTraceSpec(Kyr* kyr, TrSpec* spec) {
   {
     KyrLockGuard guard(kyr->trSpecLock, "kyrSetProperty-customPropDefaultRequestTraceSpec");
     old = kyr->customPropDefaultRequestTraceSpec;
-    kyr->customPropDefaultRequestTraceSpec = spec;
+    // Atomic: requests look at it without the lock to see whether it is set.
+    std::atomic_ref(kyr->customPropDefaultRequestTraceSpec).store(spec, std::memory_order_release);
   }
   trSpecRefRelease(old);
   if (spec != nullptr) {

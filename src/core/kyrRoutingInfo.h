@@ -29,8 +29,10 @@ struct KyrRoutingInfo {
   // long as the version, and a trace rule set goes with its wrapper.
   KyrList* ruleParents;
   // This web server's trace rule sets ("vqTraceSpecs"), which requests holding this version
-  // consult for their trace specification. Guarded by the lock of kyr->requestTraceRules.
+  // consult for their trace specification. Guarded by the lock of kyr->requestTraceRules; its
+  // count is also stored atomically, so that requests of a version without sets skip the lock.
   KyrList* traceRuleSets;
+  int traceRuleSetCount;
   // What in-place changes took out of the model while requests holding this version may still
   // read it (deleted modules and applications, replaced texts, arrays and tree nodes): freed
   // with the version. Changed only by document application, under the control lock.

@@ -5,6 +5,7 @@
 // change to a rule already in a set is made under that set's lock, which matching also holds.
 #include "core/kyrRuleRows.h"
 
+#include <atomic>
 #include <cstring>
 
 #include "core/kyr.h"
@@ -98,6 +99,8 @@ void* ruleSetCreate(void* server, const char* fullName, KyrConnector*, KyrRoutin
   {
     KyrLockGuard guard(kyr->requestTraceRules->lock, "kyrRuleSetCreate");
     kyrListAddTail(ri->traceRuleSets, set->rules);
+    std::atomic_ref(ri->traceRuleSetCount)
+        .store(kyrListGetCount(ri->traceRuleSets), std::memory_order_relaxed);
   }
   return keptWrapper(ri, set, KYRRULEPARENTTYPE_VQTRACESPEC);
 }
@@ -109,6 +112,8 @@ void ruleSetDelete(void* obj) {
   Kyr* kyr = kyrRoutingInfoGetKyr(set->ri);
   KyrLockGuard guard(kyr->requestTraceRules->lock, "kyrRuleSetDelete");
   kyrListFindAndRemove(set->ri->traceRuleSets, set->rules);
+  std::atomic_ref(set->ri->traceRuleSetCount)
+      .store(kyrListGetCount(set->ri->traceRuleSets), std::memory_order_relaxed);
 }
 
 // ---- rule

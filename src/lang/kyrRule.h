@@ -55,6 +55,9 @@ struct KyrRules {
   // in use serialises the two itself.
   KyrList* rules;
   KyrLock* lock;
+  // How many rules the set holds: changed under `lock` with atomic stores, so that a request
+  // can pass an empty set by without taking the lock every request thread shares.
+  int size;
   Language* language;
   Kyr* kyr;
   KyrRulesType type;
@@ -90,6 +93,7 @@ void kyrRulesInsertRule(KyrRules* rules, KyrRule* rule);
 KyrRule* kyrRulesRemoveRule(KyrRules* rules, KyrRule* rule);
 // Frees every rule in the set.
 void kyrRulesPurge(KyrRules* rules);
+bool kyrRulesIsEmpty(KyrRules* rules);  // without the lock; a set filled meanwhile may be missed
 // The first rule, lowest order first, whose expression is true for `object`; null for none.
 KyrRule* kyrRulesFindMatchingRule(TrContext* trCtx, KyrRules* rules, void* object);
 // Writes the set to `recCtrlList` of `trCtx`.

@@ -2,6 +2,7 @@
 // host's decisions recorded on the context (permit, reject, redirect) and the plain accessors.
 #include "request/kyrHttpContext.h"
 
+#include <atomic>
 #include <cstring>
 #include <string>
 
@@ -10,6 +11,7 @@
 #include "runtime/kyrLibUtil.h"
 #include "runtime/kyrTime.h"
 #include "selection/kyrTargetSelector.h"
+#include "trace/trContext.h"
 #include "trace/trWrite.h"
 
 namespace kyr {
@@ -96,6 +98,12 @@ bool applyFirstMatch(KyrHttpContext* ctx, KyrRules* rules) {
 // version the request holds. The handle's set's lock also guards the version's list of sets.
 bool applyRequestTraceRules(KyrHttpContext* ctx) {
   KyrRules* own = ctx->kyr->requestTraceRules;
+  // Most handles have no request-trace rules at all: then no request takes the shared lock.
+  if (kyrRulesIsEmpty(own) &&
+      (ctx->routingInfo == nullptr ||
+       std::atomic_ref(ctx->routingInfo->traceRuleSetCount).load(std::memory_order_relaxed) == 0)) {
+    return false;
+  }
   KyrLockGuard guard(own->lock, "initRequestTraceSpec");
   if (applyFirstMatch(ctx, own)) return true;
   if (ctx->routingInfo == nullptr) return false;
@@ -113,8 +121,10 @@ bool applyRequestTraceRules(KyrHttpContext* ctx) {
 void initRequestTraceSpec(KyrHttpContext* ctx) {
   Kyr* kyr = ctx->kyr;
   if (applyRequestTraceRules(ctx)) return;
-  TrSpec* spec;
-  {
+  TrSpec* spec = nullptr;
+  // Read unlocked to spare every request the shared lock while the property is unset.
+  if (std::atomic_ref(kyr->customPropDefaultRequestTraceSpec).load(std::memory_order_acquire) !=
+      nullptr) {
     KyrLockGuard guard(kyr->trSpecLock, "initRequestTraceSpec");
     spec = kyr->customPropDefaultRequestTraceSpec;
     if (spec != nullptr) trSpecRefObtain(spec);
@@ -123,11 +133,11 @@ void initRequestTraceSpec(KyrHttpContext* ctx) {
     trDebug(kyr->trCtx, kyr->processRec,
             "initRequestTraceSpec tracing with custom property 'DefaultRequestTraceSpec' trace "
             "spec.");
-  } else {
-    spec = trContextGetSpec(kyr->trCtx);
-    trDebug(kyr->trCtx, kyr->processRec, "initRequestTraceSpec tracing with DEFAULT trace spec");
+    trContextSetSpec(ctx->trContext, spec);
+    return;
   }
-  trContextSetSpec(ctx->trContext, spec);
+  trDebug(kyr->trCtx, kyr->processRec, "initRequestTraceSpec tracing with DEFAULT trace spec");
+  trContextShareSpec(ctx->trContext, kyr->trCtx);
 }
 
 void initContext(KyrHttpContext* ctx, EnvHttpContext* envHttpContext) {
@@ -137,6 +147,7 @@ void initContext(KyrHttpContext* ctx, EnvHttpContext* envHttpContext) {
   ctx->requestMappingResult = 0;
   ctx->targetEndpoint = nullptr;
   ctx->targetServerApplication = nullptr;
+  ctx->targetCluster = nullptr;
   ctx->outstandingRequestCountIsIncremented = false;
   ctx->serviceTimeStart = static_cast<KyrTime>(-1);
   ctx->serviceTime = static_cast<KyrTime>(-1);

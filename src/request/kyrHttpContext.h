@@ -7,6 +7,7 @@
 #include "core/kyrRoutingInfo.h"
 
 namespace kyr {
+struct Cluster;
 struct TargetServerApplication;
 struct HttpAffinityPolicy;
 
@@ -32,6 +33,9 @@ struct KyrHttpContext {
   int requestMappingResult;
   KyrTargetEndpoint* targetEndpoint;
   kyr::TargetServerApplication* targetServerApplication;
+  // The target server's cluster when it was chosen: the request holds a reference on it until
+  // the target is released, so its (immutable) name is readable without the selector lock.
+  kyr::Cluster* targetCluster;
   Boolean outstandingRequestCountIsIncremented;
   kyr::KyrTime startTime;
   kyr::KyrTime serviceTimeStart;

@@ -144,6 +144,7 @@ void kyrHttpContextSetState(KyrHttpContext* ctx, KyrHttpContextState state, int 
 void kyrHttpContextResetMyTargetInfo(KyrHttpContext* ctx) {
   ctx->targetEndpoint = nullptr;
   ctx->targetServerApplication = nullptr;
+  ctx->targetCluster = nullptr;
   ctx->outstandingRequestCountIsIncremented = false;
 }
 

@@ -20,21 +20,16 @@ int setHeader(KyrHttpContext* ctx, const char* name, const char* value) {
 // sends a new one when they differ.
 void setPartitionTableVersionHeader(KyrHttpContext* ctx) {
   Kyr* kyr = ctx->kyr;
-  TargetServer* server = ctx->targetEndpoint != nullptr ? ctx->targetEndpoint->server : nullptr;
-  if (server == nullptr) {
+  if (ctx->targetEndpoint == nullptr) {
     setHeader(ctx, "_ZQ_HAPRT_WLMVERSION", "-1");
     return;
   }
-  // The selector lock keeps the server's cluster link still while its name is copied; the host
-  // is called only under the partition lock, which keeps the version text alive until the host
-  // has copied it.
-  std::string cluster;
-  {
-    KyrLockGuard selectorGuard(server->selector->lock, "setPartitionTableVersionHeader");
-    if (server->cluster != nullptr) cluster = server->cluster->name;
-  }
+  // The request holds a reference on its target's cluster, so the name needs no selector lock;
+  // the host is called only under the partition lock, which keeps the version text alive until
+  // the host has copied it.
+  const char* cluster = ctx->targetCluster != nullptr ? ctx->targetCluster->name : nullptr;
   KyrLockGuard partitionGuard(kyr->partitionIDData.lock, "setPartitionTableVersionHeader");
-  PartitionIDData* data = !cluster.empty() ? kyrGetPartitionData(kyr, cluster.c_str()) : nullptr;
+  PartitionIDData* data = cluster != nullptr ? kyrGetPartitionData(kyr, cluster) : nullptr;
   const char* version = data != nullptr ? tsPartitionIDDataGetVersion(data) : nullptr;
   setHeader(ctx, "_ZQ_HAPRT_WLMVERSION", version != nullptr ? version : "-1");
 }

@@ -127,7 +127,7 @@ void tsTargetInfoDecrementRefCnt(KyrHttpContext* ctx) {
     KyrLockGuard guard(ts->lock, "tsTargetInfoDecrementRefCnt");
     // Read before any release: each release may free its object.
     TargetNode* node = server->node;
-    Cluster* cluster = server->cluster;
+    Cluster* cluster = ctx->targetCluster;
     trDebug(kyrHttpContextGetTrContext(ctx), ts->selectRec,
             "decrementing endpoint refcnt: refcnt=%d, ctx=%p, tep='%s'\n", tep->refcnt - 1,
             static_cast<void*>(ctx), tep->name);

@@ -27,6 +27,7 @@ constexpr int kSslOnLoadMap[kProtoCount] = {kHttpsProtoIndex, kHttpsProtoIndex};
 struct Choice {
   KyrTargetEndpoint* endpoint = nullptr;
   TargetServerApplication* sapp = nullptr;
+  Cluster* cluster = nullptr;  // referenced with the endpoint
   bool rolloutInProgress = false;
   bool affinityBroken = false;  // the request is told so, after the lock
   int rejectCode = 0;
@@ -127,6 +128,7 @@ Choice chooseTarget(TargetSelector* ts, KyrHttpContext* ctx, const char* moduleN
   }
   choice.endpoint = tep;
   choice.sapp = sapp;
+  choice.cluster = server->cluster;
   return choice;
 }
 
@@ -239,14 +241,17 @@ KyrTargetEndpoint* tsSelect(TargetSelector* ts, KyrHttpContext* ctx) {
   tsTargetInfoDecrementRefCnt(ctx);
   KyrTargetEndpoint* tep = choice.endpoint;
   TargetServerApplication* sapp = choice.sapp;
+  Cluster* cluster = choice.cluster;
   if (tep == nullptr && choice.rolloutInProgress) {
     tep = kyrHttpContextWaitForRollout(ctx);
     sapp = kyrHttpContextGetMyTargetServerApplication(ctx);
+    cluster = ctx->targetCluster;
   }
   if (tep == nullptr) {
     rejectNoServer(ts, ctx);
     return nullptr;
   }
+  ctx->targetCluster = cluster;
   kyrHttpContextSetMyTargetInfo(ctx, tep, sapp);
   trTrace(tr, ts->selectRec, 7, "route selection is %s\n", tep->name);
   return tep;

@@ -103,6 +103,8 @@ struct TargetServer {
   const char* reasonForNoAffinity;       // static text; null: affinity may pick it
   KyrList* endPoints[kProtoCount];       // of KyrTargetEndpoint: "http", "https"
   int outstandingRequestCount;
+  // The connect back-off: written under the lock with atomic stores, because a connect success
+  // reads both without it to see whether there is anything to reset.
   KyrTime nextRetryInterval;
   KyrTime nextRetryTime;  // not selectable before this time
   struct Cluster* cluster;

@@ -1,6 +1,8 @@
 // Servers (cluster members): creation and deletion, properties with the rule that the library's
 // own server feeds the handle's custom properties instead, run state with its effect on
 // endpoint host objects, selectability, connect back-off and response-time calculators.
+#include <algorithm>
+#include <atomic>
 #include <cstring>
 
 #include "health/hmHealthMonitor.h"
@@ -76,8 +78,9 @@ void setStateLocked(TargetServer* server, const char* state) {
 
 void initRetry(TargetServer* server) {
   TargetSelector* ts = server->selector;
-  server->nextRetryInterval = kInitialRetryInterval;
-  server->nextRetryTime = 0;
+  std::atomic_ref(server->nextRetryInterval)
+      .store(kInitialRetryInterval, std::memory_order_relaxed);
+  std::atomic_ref(server->nextRetryTime).store(0, std::memory_order_relaxed);
   trDebug(ts->trCtx, ts->controlRec, "initRetry: resetting retry interval and next retry time\n");
 }
 
@@ -330,17 +333,28 @@ void serverRecomputeSelectability(TargetServer* server) {
 
 // ---- Back-off and calculators ----------------------------------------------------------------
 
+// Every forwarded request reports its connect, and nearly every server has nothing to reset:
+// that case is told from the back-off fields alone (written atomically under the lock), so the
+// common report takes no selector lock. A failure racing with it is ordered after it, as it
+// would be if the lock had been taken first.
 void tsServerConnectSuccess(TargetServer* server) {
-  KyrLockGuard guard(server->selector->lock, "tsServerConnectSuccess");
+  TargetSelector* ts = server->selector;
+  bool reset = std::atomic_ref(server->nextRetryInterval).load(std::memory_order_relaxed) ==
+                   kInitialRetryInterval &&
+               std::atomic_ref(server->nextRetryTime).load(std::memory_order_relaxed) == 0;
+  if (reset && !trContextLogEnabled(ts->trCtx, ts->controlRec)) return;
+  KyrLockGuard guard(ts->lock, "tsServerConnectSuccess");
   initRetry(server);
 }
 
 void tsServerConnectFailure(TargetServer* server) {
   TargetSelector* ts = server->selector;
   KyrLockGuard guard(ts->lock, "tsServerConnectFailure");
-  server->nextRetryTime = kyrGetCurrentTime() + server->nextRetryInterval;
-  server->nextRetryInterval *= 10;
-  if (server->nextRetryInterval > kMaxRetryInterval) server->nextRetryInterval = kMaxRetryInterval;
+  KyrTime interval = server->nextRetryInterval;
+  std::atomic_ref(server->nextRetryTime)
+      .store(kyrGetCurrentTime() + interval, std::memory_order_relaxed);
+  std::atomic_ref(server->nextRetryInterval)
+      .store(std::min(interval * 10, kMaxRetryInterval), std::memory_order_relaxed);
   trDebug(ts->trCtx, ts->balanceRec,
           "tsServerConnectFailure: connect failure to the server %s; nextRetryInterval=%lu, "
           "nextRetryTime=%lu",

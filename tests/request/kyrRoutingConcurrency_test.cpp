@@ -19,8 +19,8 @@ namespace {
 using kyrtest::readTestData;
 using kyrtest::serverPath;
 
-constexpr int kWorkers = 4;
-constexpr int kRequestsPerWorker = 1500;
+constexpr int kWorkers = 8;  // more request threads than cores, so they contend for every lock
+constexpr int kRequestsPerWorker = 1000;
 
 // The routing document with another version number and s1's weight (the first one in it)
 // changed, so that each complete document really differs from the one before.
