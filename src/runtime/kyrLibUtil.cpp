@@ -11,12 +11,22 @@
 namespace kyr {
 namespace {
 
-// A leak indicator only, so relaxed ordering is enough; it is atomic rather than a plain int
-// because request threads allocate concurrently and a racy counter would trip ThreadSanitizer.
-std::atomic<int> g_memCount{0};
+// A leak indicator only, so relaxed ordering is enough. Request threads allocate on every
+// request, and one shared counter would move its cache line between the cores each time: each
+// thread counts in a slot of its own (threads beyond the slots share them), a block freed by
+// another thread than its allocator's leaves both slots off by one, and only the sum means
+// anything.
+constexpr unsigned kCountSlots = 16;
+struct alignas(64) CountSlot {
+  std::atomic<int> count{0};
+};
+CountSlot g_memCount[kCountSlots];
+std::atomic<unsigned> g_nextSlot{0};
+thread_local const unsigned t_slot =
+    g_nextSlot.fetch_add(1, std::memory_order_relaxed) % kCountSlots;
 
-void countUp() { g_memCount.fetch_add(1, std::memory_order_relaxed); }
-void countDown() { g_memCount.fetch_sub(1, std::memory_order_relaxed); }
+void countUp() { g_memCount[t_slot].count.fetch_add(1, std::memory_order_relaxed); }
+void countDown() { g_memCount[t_slot].count.fetch_sub(1, std::memory_order_relaxed); }
 
 }  // namespace
 
@@ -43,9 +53,15 @@ char* kyrStrndup(const char* expr, size_t n, const char* file, int line) {
   return copy;
 }
 
-int kyrGetMemCount() { return g_memCount.load(std::memory_order_relaxed); }
+int kyrGetMemCount() {
+  int sum = 0;
+  for (const CountSlot& slot : g_memCount) sum += slot.count.load(std::memory_order_relaxed);
+  return sum;
+}
 
-void kyrResetMemCount() { g_memCount.store(0, std::memory_order_relaxed); }
+void kyrResetMemCount() {
+  for (CountSlot& slot : g_memCount) slot.count.store(0, std::memory_order_relaxed);
+}
 
 KyrList* kyrListCreateDbg(KyrDestructorFcn destructor, const char* /*file*/, int /*line*/) {
   KyrList* list = kyrListCreate(destructor);
