@@ -328,21 +328,6 @@ TEST_F(ConnectorGroupConcurrency, InitialRequestThenLongPollsCarryingEachVersion
   EXPECT_EQ(alarms().timesAsked(), 0u);
 }
 
-TEST_F(ConnectorGroupConcurrency, FailsOverFromARefusingPublisherToTheNext) {
-  Publisher publisher(kyrtest::readTestData("cell-routing.json"));
-  create();
-  KyrConnector* refusing = connect(kyrtest::closedPortUrl());
-  KyrConnector* serving = connect(publisher.url());
-  start();
-  ASSERT_TRUE(groupReaches(STARTED));
-  EXPECT_EQ(kyrConnectorGetState(refusing), FAILED);
-  EXPECT_EQ(kyrConnectorGetState(serving), STARTED);
-  EXPECT_EQ(timesReported(refusing, STARTING), 1);
-  EXPECT_EQ(publisher.inits().size(), 1u);
-  EXPECT_EQ(alarms().timesAsked(), 0u);
-  EXPECT_EQ(handles("/shop/cart"), 1);
-}
-
 TEST_F(ConnectorGroupConcurrency, ARoundOfFailuresFailsTheGroupAndTheHostAlarmRetries) {
   Publisher publisher(kyrtest::readTestData("cell-routing.json"));
   publisher.refuse(true);

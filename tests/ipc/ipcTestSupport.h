@@ -123,16 +123,12 @@ class Child {
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
 
-  pid_t pid() const { return pid_; }
-  void tell(const std::string& command) {
-    if (fd_ >= 0) writeLine(fd_, command);
-  }
   // The child's next report; "" when it sent none in time or is gone.
   std::string report(std::chrono::milliseconds within = kStepWait) {
     return reader_ ? reader_->next(within).value_or("") : "";
   }
   std::string ask(const std::string& command) {
-    tell(command);
+    if (fd_ >= 0) writeLine(fd_, command);
     return report();
   }
   // Asks until the answer is the expected one (or the time is up); the last answer.

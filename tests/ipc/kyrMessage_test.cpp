@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <string>
 
+#include "ipc/ipcTestSupport.h"
+
 namespace {
 
 class MessageFrame : public ::testing::Test {
@@ -18,11 +20,7 @@ class MessageFrame : public ::testing::Test {
     if (fds_[1] >= 0) close(fds_[1]);
   }
   void sendRaw(int32_t type, int32_t len, const std::string& body = "") {
-    KyrMessageHdr hdr{type, 4242, len};
-    ASSERT_EQ(kyr::writeBytes(fds_[1], &hdr, sizeof hdr), 0);
-    if (!body.empty()) {
-      ASSERT_EQ(kyr::writeBytes(fds_[1], body.data(), body.size()), 0);
-    }
+    ASSERT_TRUE(kyrtest::sendRaw(fds_[1], type, len, body));
   }
   int reader() const { return fds_[0]; }
   void closeWriter() {

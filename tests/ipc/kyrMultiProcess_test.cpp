@@ -89,24 +89,6 @@ class MultiProcess : public ::testing::Test {
   std::vector<std::unique_ptr<Child>> clients_;
 };
 
-TEST_F(MultiProcess, ClientProcessesStartFromTheServerAndRouteEveryRequestAsItDoes) {
-  forkClients(3);
-  startServer();
-  expectClientsStarted();
-  std::string expected = decisions(server_);
-  ASSERT_NE(expected.find("/server/s2 h2.example.com:9080"), std::string::npos) << expected;
-  expectClientsRoute(expected);
-}
-
-TEST_F(MultiProcess, ADeltaAtThePublisherReachesEveryClient) {
-  forkClients(3);
-  startServer();
-  expectClientsStarted();
-  expectClientsRoute(decisions(server_));
-  std::string stopped = pushAndAwait(portalState("STOPPED"), [&] { return decisions(server_); });
-  expectClientsRoute(stopped);
-}
-
 TEST_F(MultiProcess, ClientsRouteOnWhileTheServerIsDownAndFollowItOnceItIsBack) {
   forkClients(2);
   std::unique_ptr<Child> server = forkServer();
