@@ -94,28 +94,6 @@ TEST(HandleConcurrency, DestroyRacingTheHoldersReleasesFreesExactlyOnce) {
   EXPECT_EQ(baseline, kyr::kyrGetMemCount());
 }
 
-TEST(HandleConcurrency, ControlLockSerialisesStartAgainstAHolder) {
-  kyrtest::TestHost host;
-  Kyr* kyr = quietHandle(host);
-  std::promise<void> locked;
-  std::promise<void> letGo;
-  std::thread holder([&] {
-    kyrControlLock("test holder");
-    locked.set_value();
-    letGo.get_future().wait();
-    // Still ours: the starter below cannot have changed the state yet.
-    EXPECT_EQ(kyrGetState(kyr), STOPPED);
-    kyrControlUnlock();
-  });
-  locked.get_future().wait();
-  std::thread starter([&] { EXPECT_EQ(kyrStart(kyr, -1), 0); });
-  letGo.set_value();
-  starter.join();
-  holder.join();
-  EXPECT_EQ(kyrGetState(kyr), STARTING);
-  kyrDestroy(kyr);
-}
-
 TEST(HandleEndpointRefConcurrency, VersionsOnSeveralThreadsShareOneObjectPerName) {
   kyrtest::TestHost host;
   kyrtest::useHostEndpoints(host.env);

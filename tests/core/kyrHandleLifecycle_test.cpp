@@ -169,32 +169,6 @@ TEST_F(HandleLifecycle, StartThatSettlesAtOnceDoesNotWaitAndDestroyStopsThroughT
   EXPECT_TRUE(printedOnce("connector group deleted: cg1\n"));
 }
 
-TEST(HandleMemory, DestroyWhileAReferenceIsHeldFreesOnlyAtTheLastRelease) {
-  int baseline = settledMemCount();
-  kyrtest::TestHost host;
-  kyrtest::useHostEndpoints(host.env);
-  Kyr* kyr = kyrtest::quietHandle(host);
-  ASSERT_NE(kyr, nullptr);
-  KyrTargetEndpoint probe = endpointNamed("probe");
-  ASSERT_NE(kyr::envTargetEndPointObtainRef(kyr, &probe), nullptr);
-  kyrSetServerCustomProperty(kyr, "cp.vq.MaxHttpContextPoolSize", "3");
-  kyrSetServerCustomProperty(kyr, "leftBehind", "x");  // unknown, yet kept until the handle goes
-  kyrSetProperty(kyr, "DefaultRequestTraceSpec", "control:DEBUG");
-
-  kyrObtainRef(kyr, "holder");
-  kyrDestroy(kyr);
-  // Destroyed, yet still readable by the holder: nothing of it has been freed.
-  EXPECT_EQ(kyr->state.load(), DELETED);
-  EXPECT_EQ(kyr->refcnt.load(), 1);
-  EXPECT_EQ(hostEndpoints().deletes, 0);
-  EXPECT_GT(kyr::kyrGetMemCount(), baseline);
-
-  kyrReleaseRef(kyr, "holder");
-  EXPECT_EQ(hostEndpoints().deletes, 1);  // endpoint objects still held go back to the host
-  kyr::trPurgeDeathRow();
-  EXPECT_EQ(baseline, kyr::kyrGetMemCount());
-}
-
 // Work items of these tests record their tags in the order the worker ran them.
 struct Journal {
   std::mutex lock;
@@ -251,31 +225,6 @@ TEST_F(HandleLifecycle, ItemQueuedByAWorkItemRunsInTheNextBatchAfterTheRest) {
   kyr_ = nullptr;
   ASSERT_EQ(finished, std::future_status::ready);
   EXPECT_EQ(journal.ran, (std::vector<std::string>{"a", "b", "c"}));
-}
-
-TEST(HandleAsyncWorkEnd, DestroyWithItemsPendingRunsThemAndLeavesNothing) {
-  int baseline = settledMemCount();
-  kyrtest::TestHost host;
-  Kyr* kyr = kyrtest::quietHandle(host);
-  Journal journal;
-  Gate gate;
-  gate.hold(kyr);
-  for (int i = 0; i < 10; ++i) {
-    kyr::kyrProcessAsync(kyr, new Item{&journal, "p" + std::to_string(i)}, runItem);
-  }
-  std::thread destroyer([&] { kyrDestroy(kyr); });
-  // Let the worker go only once destroy is waiting for it, so the items are pending at destroy.
-  for (bool asked = false; !asked; std::this_thread::yield()) {
-    kyr::kyrConditionObtainLock(kyr->asyncWorkCondition, "test");
-    asked = kyr->asyncWorkStopRequested;
-    kyr::kyrConditionReleaseLock(kyr->asyncWorkCondition);
-  }
-  gate.open.set_value();
-  destroyer.join();
-  EXPECT_EQ(journal.ran.size(), 10u);
-  EXPECT_EQ(journal.ran.back(), "p9");
-  kyr::trPurgeDeathRow();
-  EXPECT_EQ(baseline, kyr::kyrGetMemCount());
 }
 
 std::promise<void>* handleFreed = nullptr;

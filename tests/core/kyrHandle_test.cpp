@@ -1,14 +1,10 @@
-// The library handle as a host meets it: kyrCreate's refusals and what they leave behind, what it
-// keeps of the callback table and the catalogue, the properties with their web-server-over-cell
-// precedence, the server name and the paths derived from it, the trace settings, and the sort
-// order read from a rule's name.
+// The library handle as a host meets it: kyrCreate's refusals and what they leave behind, the
+// properties with their web-server-over-cell precedence, the server name and the paths derived
+// from it, and the trace settings.
 #include <dirent.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <memory>
 #include <string>
-#include <utility>
 
 #include "core/kyrHandleTestUtil.h"
 #include "runtime/kyrProperties.h"
@@ -118,45 +114,7 @@ TEST(HandleCreate, RefusalsAreExplainedAndLeaveNoMemoryNorDescriptorBehind) {
   EXPECT_EQ(descriptors, openDescriptors());
 }
 
-int hostAlarm(void (*)(void*), void*, int) { return 0; }
-EnvConnectorClient* hostOpen(KyrConnector*) { return nullptr; }
-std::atomic<int> threadInits{0};
-void countThreadInit() { ++threadInits; }
-
-TEST(HandleCreate, TableIsCopiedAndDefaultsFillOnlyWhatTheHostLeftOut) {
-  threadInits = 0;
-  auto host = std::make_unique<kyrtest::TestHost>();
-  host->env.alarm = hostAlarm;
-  host->env.http.connector.open = hostOpen;
-  host->env.threadInit = countThreadInit;
-  Kyr* kyr = host->create();
-  ASSERT_NE(kyr, nullptr);
-  host.reset();  // the library must not point into the host's table
-  EXPECT_EQ(kyr->env.http.connector.open, hostOpen);
-  EXPECT_EQ(kyr->env.alarm, hostAlarm);
-  EXPECT_EQ(kyr->env.alarm_ex, nullptr);  // the host's plain alarm is enough
-  kyrDestroy(kyr);
-  EXPECT_EQ(threadInits, 1);  // the worker thread, joined by destroy, ran the host's threadInit
-  kyrtest::TestHost withoutAlarm;
-  kyr = withoutAlarm.create();
-  EXPECT_NE(kyr->env.alarm_ex, nullptr);  // the library's own
-  kyrDestroy(kyr);
-}
-
 class HandleProperties : public HandleFixture {};
-
-TEST_F(HandleProperties, EveryTableNameIsKnownInAnyCaseAndAnswersWithTheTablesSpelling) {
-  for (const char* name :
-       {"webserverName", "MaxHttpContextPoolSize", "MaxSecondsToWaitDuringAtomicRollout",
-        "DefaultRequestTraceSpec", "disablePrivateHeaders", "MaxElapsedTimePerRequestInSeconds",
-        "ppid", "enableEndpointSelectionBasedOnMatchedVHost"}) {
-    std::string upper = name;
-    for (char& c : upper) c = static_cast<char>(toupper(c));
-    const char* known = kyrSetProperty(kyr_, upper.c_str(), nullptr);
-    EXPECT_STREQ(known, name);
-    EXPECT_EQ(known, kyrSetProperty(kyr_, name, nullptr));  // the table's own string
-  }
-}
 
 // The "cp.vq." prefix belongs to server custom properties only.
 TEST_F(HandleProperties, UnknownNamesAnswerNullLeaveTheFieldsAloneAndAreLoggedLikeAnyOther) {
@@ -371,18 +329,6 @@ TEST_F(HandleTraceSettings, ArgumentsAreCheckedInOrderAndOnlyDefaultInAnyCaseSet
   EXPECT_NE(defaultTraceSpec(), before);
   EXPECT_TRUE(printedOnce(
       "kyrSetTraceSpecification: default trace spec set to :NOTICE,control.process:DEBUG"));
-}
-
-TEST(HandleNames, RuleSortOrderIsTheNumberAfterTheLastSlash) {
-  for (auto [name, order] : {std::pair<const char*, int>{nullptr, 0},
-                             {"", 0},
-                             {"12", 12},
-                             {"a/b/7", 7},
-                             {"a/5/b", 0},
-                             {"rules/42x", 42},
-                             {"a/", 0}}) {
-    EXPECT_EQ(ruleNameToSortOrder(name), order) << (name != nullptr ? name : "null");
-  }
 }
 
 }  // namespace

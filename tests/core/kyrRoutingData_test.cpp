@@ -128,17 +128,6 @@ TEST_F(RoutingData, DeltasReachTheModelAndTheStoredDocumentEqualsWhatAPublisherW
   json_decref(expected);
 }
 
-TEST_F(RoutingData, DeepNestingIsAppliedLevelByLevel) {
-  std::string open, close, deepest;
-  for (int i = 0; i < 900; ++i) {
-    open += R"({"type": "node", "name": "/node/d", "objects": [)";
-    close += "]}";
-    deepest += "/node/d";
-  }
-  apply(R"({"version": 20, "delta": true, "add": {"objects": [)" + open + close + "]}}");
-  EXPECT_NE(object<kyr::TargetNode>(deepest), nullptr);
-}
-
 // Documents of every wrong shape: each is reported (or, where the reader ignores such values,
 // skipped silently) and the cell stays intact.
 TEST_F(RoutingData, MalformedDocumentsAreReportedAndLeaveTheModelIntact) {

@@ -174,15 +174,6 @@ TEST_F(TracedRulesTest, ParseFailureIsTracedAndShownInTheDump) {
              "terminating character., position=5\n"));
 }
 
-// The evaluation context finds the set's request record through the trace context alone.
-TEST_F(TracedRulesTest, OperatorsWriteDebugLinesToTheEvaluationRecord) {
-  KyrRule* r = kyrRuleCreate(rules_);
-  kyrRuleSetExpr(r, "2 between 1 and 3");
-  EXPECT_TRUE(kyrRuleMatches(kyrGetTrContext(kyr_), r, nullptr));
-  EXPECT_TRUE(traced("IntBetweenInt 1<=2<=3 --> TRUE\n"));
-  kyrRuleFree(r);
-}
-
 // Request threads walk one published rule set at the same time; expressions are read-only and
 // each evaluation has its own context, so they share nothing writable.
 TEST(RuleConcurrency, ThreadsEvaluateOneSetTogether) {

@@ -19,10 +19,8 @@ TEST(VHostCompareHosts, IgnoresAsciiCaseButNotLength) {
   } rows[] = {
       {"Www.Example.COM", "www.example.com", true},
       {"host1.", "host1", false},  // a trailing dot makes another host
-      {"host1", "host1.", false},
       {"host1", "host2", false},
       {nullptr, "host1", false},
-      {nullptr, nullptr, false},
       {"", "", true},
       {"caf\xc3\xa9", "CAF\xc3\xa9", true},  // only ASCII letters fold
       {"caf\xc3\xa9", "CAF\xc3\x89", false},

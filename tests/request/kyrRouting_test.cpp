@@ -28,15 +28,6 @@ TEST_F(Routing, TheChosenEndpointIsKeptUntilAFailureIsReported) {
   EXPECT_EQ(kyr::kyrHttpContextGetMyTargetServerApplication(ctx)->server, server("n1", "s1"));
 }
 
-TEST_F(Routing, AHandleWideEndpointIsReturnedWithoutSelection) {
-  KyrTargetEndpoint fixed{};
-  kyr_->targetEndpoint = &fixed;
-  KyrHttpContext* ctx = obtain(request("/nowhere"));
-  EXPECT_EQ(kyrHttpContextGetTargetEndpoint(ctx), &fixed);
-  EXPECT_EQ(kyrHttpContextGetMyTargetEndPoint(ctx), nullptr);
-  kyr_->targetEndpoint = nullptr;
-}
-
 // Failures after a connection use up the endpoint limit, refused connections do not.
 TEST_F(Routing, FailoverTriesAnotherServerWithinTheEndpointLimit) {
   kyrSetMaxTargetEndpointsPerRequest(kyr_, 2);

@@ -1,5 +1,5 @@
-// The selector's own objects: node maintenance, the edition rollout flag, cluster links,
-// virtual clusters following their cluster list, and partition data.
+// The selector's own objects: the edition rollout flag, cluster links, and virtual clusters
+// following their cluster list.
 #include <gtest/gtest.h>
 
 #include "runtime/kyrLibUtil.h"
@@ -9,21 +9,6 @@ namespace {
 
 using namespace kyr;
 using kyrtest::TargetModel;
-
-TEST_F(TargetModel, NodeMaintenanceTakesTrueOrFalseAndRecomputesItsServers) {
-  TargetNode* n = node();
-  TargetServer* s = runningServer(n, tsClusterCreate(ts_, "cl1"), "/cell/c1/node/n1/server/s1");
-  EXPECT_TRUE(tsNodeSetPropStr(n, "cp.node.maintenancemode", "true"));
-  EXPECT_STREQ(s->reasonForNoLoadBalancing, "server is on node in maintenance mode");
-  EXPECT_EQ(s->reasonForNoAffinity, nullptr);
-  for (const char* refused : {"TRUE", "affinity", ""}) {
-    EXPECT_FALSE(tsNodeSetPropStr(n, "cp.node.maintenancemode", refused)) << refused;
-  }
-  EXPECT_FALSE(tsNodeSetPropStr(n, "cp.node.MaintenanceMode", "false"));
-
-  EXPECT_TRUE(tsNodeSetPropStr(n, "cp.node.maintenancemode", "false"));
-  EXPECT_EQ(s->reasonForNoLoadBalancing, nullptr);
-}
 
 TEST_F(TargetModel, EditionRolloutBeginsOnAnyValueStartingWithBegin) {
   Cluster* cl = tsClusterCreate(ts_, "cl1");
@@ -88,17 +73,6 @@ TEST_F(TargetModel, DeletedClusterLeavesNoPointerInServersOrModules) {
   EXPECT_EQ(tsServerGetCluster(s), nullptr);
   EXPECT_EQ(vc->cluster, nullptr);
   EXPECT_TRUE(kyrListIsEmpty(ts_->clusters));
-}
-
-TEST(TargetModelPartitionData, DefaultIsVersionMinusOneAndFreesItsValues) {
-  int before = kyrtest::settledMemCount();
-  PartitionIDData* d = tsDefaultPartitionIDData();
-  EXPECT_STREQ(tsPartitionIDDataGetVersion(d), "-1");
-  EXPECT_EQ(d->partition2CloneIdMap->count, 0);
-  kyrHashPut(d->partition2CloneIdMap, "p1", kyrStrdup("clone1"));  // values go with the map
-  tsPartitionIDDataDelete(d);
-  tsPartitionIDDataDelete(nullptr);
-  EXPECT_EQ(kyrGetMemCount(), before);
 }
 
 }  // namespace

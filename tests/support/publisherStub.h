@@ -243,11 +243,6 @@ class Publisher {
     std::lock_guard<std::mutex> guard(lock_);
     return current_;
   }
-  // The version the complete document is at (what an initial request gets).
-  int64_t documentVersion() const {
-    std::lock_guard<std::mutex> guard(lock_);
-    return docVersion_;
-  }
 
   // Adds a delta (a JSON object; "delta" defaults to true) at the next version, which it returns,
   // and answers the polls waiting for it.
@@ -347,24 +342,9 @@ class Publisher {
     return s;
   }
 
-  static const char* reasonOf(int status) {
-    switch (status) {
-      case 200:
-        return "OK";
-      case 404:
-        return "Not Found";
-      case 500:
-        return "Internal Server Error";
-      case 503:
-        return "Service Unavailable";
-      default:
-        return "Status";
-    }
-  }
-
   static void respond(int fd, int status, const std::string& body) {
     std::string reply =
-        "HTTP/1.1 " + std::to_string(status) + " " + reasonOf(status) +
+        "HTTP/1.1 " + std::to_string(status) + (status == 200 ? " OK" : " Failing") +
         "\r\nContent-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) +
         "\r\n\r\n" + body;
     size_t sent = 0;
