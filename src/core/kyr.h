@@ -50,6 +50,10 @@ struct HealthMonitor;
 struct KyrPartitionIDData {
   KyrHashMap* map;  // cluster name -> partition data; guarded by lock
   KyrLock* lock;
+  // Set under the lock, atomically, when the first table is stored. Tables are replaced but
+  // never removed, so a request that finds it unset knows there is nothing to look up and
+  // spares itself the lock (most cells never send a partition table).
+  bool any;
 };
 
 using AsyncCallbackFcn = void (*)(Kyr* kyr, void* obj);

@@ -1,6 +1,8 @@
 // Per-cluster partition data on the handle, guarded by the handle's partition lock.
 #include "core/kyrPartitionData.h"
 
+#include <atomic>
+
 #include "runtime/kyrLibUtil.h"
 
 namespace kyr {
@@ -27,8 +29,13 @@ void kyrSetPartitionData(Kyr* kyr, const char* clusterName, PartitionIDData* dat
   {
     KyrLockGuard guard(kyr->partitionIDData.lock, "kyrSetPartitionData");
     old = kyrHashPut(kyr->partitionIDData.map, entry->clusterName, entry);
+    std::atomic_ref(kyr->partitionIDData.any).store(true, std::memory_order_release);
   }
   partitionIDDataDelete(old);
+}
+
+bool kyrAnyPartitionData(Kyr* kyr) {
+  return std::atomic_ref(kyr->partitionIDData.any).load(std::memory_order_acquire);
 }
 
 void kyrLockPartitionData(Kyr* kyr, const char* who) {

@@ -12,6 +12,8 @@ namespace kyr {
 PartitionIDData* kyrGetPartitionData(Kyr* kyr, const char* clusterName);
 // Replaces (and deletes) the cluster's entry under the partition lock; takes over `data`.
 void kyrSetPartitionData(Kyr* kyr, const char* clusterName, PartitionIDData* data);
+// Whether any table was ever stored; without the lock (see KyrPartitionIDData::any).
+bool kyrAnyPartitionData(Kyr* kyr);
 void kyrLockPartitionData(Kyr* kyr, const char* who);
 void kyrUnlockPartitionData(Kyr* kyr);
 // The map's value destructor: frees an entry with its data.

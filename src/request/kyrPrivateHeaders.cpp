@@ -20,16 +20,18 @@ int setHeader(KyrHttpContext* ctx, const char* name, const char* value) {
 // sends a new one when they differ.
 void setPartitionTableVersionHeader(KyrHttpContext* ctx) {
   Kyr* kyr = ctx->kyr;
-  if (ctx->targetEndpoint == nullptr) {
+  // The request holds a reference on its target's cluster, so the name needs no selector lock.
+  const char* cluster = ctx->targetEndpoint != nullptr && ctx->targetCluster != nullptr
+                            ? ctx->targetCluster->name
+                            : nullptr;
+  if (cluster == nullptr || !kyrAnyPartitionData(kyr)) {
     setHeader(ctx, "_ZQ_HAPRT_WLMVERSION", "-1");
     return;
   }
-  // The request holds a reference on its target's cluster, so the name needs no selector lock;
-  // the host is called only under the partition lock, which keeps the version text alive until
-  // the host has copied it.
-  const char* cluster = ctx->targetCluster != nullptr ? ctx->targetCluster->name : nullptr;
+  // The host is called under the partition lock, which keeps the version text alive until the
+  // host has copied it.
   KyrLockGuard partitionGuard(kyr->partitionIDData.lock, "setPartitionTableVersionHeader");
-  PartitionIDData* data = cluster != nullptr ? kyrGetPartitionData(kyr, cluster) : nullptr;
+  PartitionIDData* data = kyrGetPartitionData(kyr, cluster);
   const char* version = data != nullptr ? tsPartitionIDDataGetVersion(data) : nullptr;
   setHeader(ctx, "_ZQ_HAPRT_WLMVERSION", version != nullptr ? version : "-1");
 }

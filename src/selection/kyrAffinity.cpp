@@ -59,6 +59,7 @@ bool getRealCloneId(KyrHttpContext* ctx, VirtualCluster* vc, const char* candida
                     std::string* cloneId) {
   TargetSelector* ts = vc->selector;
   Kyr* kyr = ts->kyr;
+  if (!kyrAnyPartitionData(kyr)) return false;
   bool mapped = false;
   {
     KyrLockGuard guard(kyr->partitionIDData.lock, "getRealCloneId");
