@@ -69,9 +69,29 @@ KyrHttpContext* createContext(Kyr* kyr) {
   return ctx;
 }
 
+// The context this thread pooled last. Only compared with the pool's entries, never read: it
+// may have been taken by another thread or freed since.
+thread_local const KyrHttpContext* t_lastPooled = nullptr;
+
+// How far into the pool a thread looks for its own last context.
+constexpr int kOwnContextSearch = 8;
+
+// A thread gets back the context it pooled last when that is among the pool's newest entries,
+// else the newest: a context that went back and forth between the request threads' cores
+// would bring every one of its cache lines over with it on each request.
+KyrHttpContext* removeOwnOrHead(KyrList* pool) {
+  KyrListEle* e = kyrListGetHead(pool);
+  for (int i = 0; e != nullptr && i < kOwnContextSearch; ++i, e = kyrListGetNext(e)) {
+    if (kyrListEleGetObject(e) == t_lastPooled) {
+      return static_cast<KyrHttpContext*>(kyrListRemove(pool, e));
+    }
+  }
+  return static_cast<KyrHttpContext*>(kyrListRemoveHead(pool));
+}
+
 KyrHttpContext* takeFromPool(Kyr* kyr) {
   KyrLockGuard guard(kyr->contextPoolLock, "removeKyrHttpContextFromPool");
-  auto* ctx = static_cast<KyrHttpContext*>(kyrListRemoveHead(kyr->contextPool));
+  KyrHttpContext* ctx = removeOwnOrHead(kyr->contextPool);
   if (ctx != nullptr) {
     ctx->state = INITIAL;
     ctx->stateMsg = "from pool";
@@ -188,6 +208,7 @@ bool returnToPool(KyrHttpContext* ctx) {
   }
   ctx->state = CACHED;
   kyrListAddHead(kyr->contextPool, ctx);
+  t_lastPooled = ctx;
   return true;
 }
 
