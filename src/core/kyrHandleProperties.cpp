@@ -3,12 +3,12 @@
 // clearing the web-server value brings the cell value back.
 #include "core/kyrHandleProperties.h"
 
-#include <atomic>
 #include <cstdlib>
 #include <cstring>
 
 #include "connector/kyrConnectorGroup.h"
 #include "runtime/kyrLibUtil.h"
+#include "runtime/kyrPublish.h"
 #include "runtime/kyrStringBuffer.h"
 #include "runtime/kyrUtil.h"
 #include "trace/trWrite.h"
@@ -63,7 +63,7 @@ void setDefaultRequestTraceSpec(Kyr* kyr, TrSpec* spec) {
     KyrLockGuard guard(kyr->trSpecLock, "kyrSetProperty-customPropDefaultRequestTraceSpec");
     old = kyr->customPropDefaultRequestTraceSpec;
     // Atomic: requests look at it without the lock to see whether it is set.
-    std::atomic_ref(kyr->customPropDefaultRequestTraceSpec).store(spec, std::memory_order_release);
+    kyrPublish(kyr->customPropDefaultRequestTraceSpec, spec);
   }
   trSpecRefRelease(old);
   if (spec != nullptr) {

@@ -1,9 +1,8 @@
 // Per-cluster partition data on the handle, guarded by the handle's partition lock.
 #include "core/kyrPartitionData.h"
 
-#include <atomic>
-
 #include "runtime/kyrLibUtil.h"
+#include "runtime/kyrPublish.h"
 
 namespace kyr {
 namespace {
@@ -29,14 +28,12 @@ void kyrSetPartitionData(Kyr* kyr, const char* clusterName, PartitionIDData* dat
   {
     KyrLockGuard guard(kyr->partitionIDData.lock, "kyrSetPartitionData");
     old = kyrHashPut(kyr->partitionIDData.map, entry->clusterName, entry);
-    std::atomic_ref(kyr->partitionIDData.any).store(true, std::memory_order_release);
+    kyrPublish(kyr->partitionIDData.any, true);
   }
   partitionIDDataDelete(old);
 }
 
-bool kyrAnyPartitionData(Kyr* kyr) {
-  return std::atomic_ref(kyr->partitionIDData.any).load(std::memory_order_acquire);
-}
+bool kyrAnyPartitionData(Kyr* kyr) { return kyrPublished(kyr->partitionIDData.any); }
 
 void kyrLockPartitionData(Kyr* kyr, const char* who) {
   kyrLockObtain(kyr->partitionIDData.lock, who);

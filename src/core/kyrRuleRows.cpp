@@ -5,7 +5,6 @@
 // change to a rule already in a set is made under that set's lock, which matching also holds.
 #include "core/kyrRuleRows.h"
 
-#include <atomic>
 #include <cstring>
 
 #include "core/kyr.h"
@@ -13,6 +12,7 @@
 #include "lang/kyrHttpLanguage.h"
 #include "mapping/kyrWebRouteWorkClass.h"
 #include "runtime/kyrLibUtil.h"
+#include "runtime/kyrPublish.h"
 #include "runtime/kyrUtil.h"
 #include "selection/kyrTargetSelector.h"
 #include "trace/trWrite.h"
@@ -99,8 +99,7 @@ void* ruleSetCreate(void* server, const char* fullName, KyrConnector*, KyrRoutin
   {
     KyrLockGuard guard(kyr->requestTraceRules->lock, "kyrRuleSetCreate");
     kyrListAddTail(ri->traceRuleSets, set->rules);
-    std::atomic_ref(ri->traceRuleSetCount)
-        .store(kyrListGetCount(ri->traceRuleSets), std::memory_order_relaxed);
+    kyrPublish(ri->traceRuleSetCount, kyrListGetCount(ri->traceRuleSets));
   }
   return keptWrapper(ri, set, KYRRULEPARENTTYPE_VQTRACESPEC);
 }
@@ -112,8 +111,7 @@ void ruleSetDelete(void* obj) {
   Kyr* kyr = kyrRoutingInfoGetKyr(set->ri);
   KyrLockGuard guard(kyr->requestTraceRules->lock, "kyrRuleSetDelete");
   kyrListFindAndRemove(set->ri->traceRuleSets, set->rules);
-  std::atomic_ref(set->ri->traceRuleSetCount)
-      .store(kyrListGetCount(set->ri->traceRuleSets), std::memory_order_relaxed);
+  kyrPublish(set->ri->traceRuleSetCount, kyrListGetCount(set->ri->traceRuleSets));
 }
 
 // ---- rule

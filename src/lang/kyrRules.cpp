@@ -1,9 +1,9 @@
 // Rule sets: ordered insertion, removal, purge, the first-match walk, and the dump written to
 // "control.rules.list" after every change.
-#include <atomic>
 
 #include "lang/kyrRule.h"
 #include "runtime/kyrLibUtil.h"
+#include "runtime/kyrPublish.h"
 #include "trace/trWrite.h"
 
 namespace kyr {
@@ -47,7 +47,7 @@ KyrList* detachAll(KyrRules* rules) {
   KyrLockGuard guard(rules->lock, "kyrRulesPurge");
   KyrList* all = rules->rules;
   rules->rules = kyrListCreateDbg(nullptr);
-  std::atomic_ref(rules->size).store(0, std::memory_order_relaxed);
+  kyrPublish(rules->size, 0);
   return all;
 }
 
@@ -114,7 +114,7 @@ void kyrRulesInsertRule(KyrRules* rules, KyrRule* rule) {
     } else {
       kyrListAddTail(rules->rules, rule);
     }
-    std::atomic_ref(rules->size).store(kyrListGetCount(rules->rules), std::memory_order_relaxed);
+    kyrPublish(rules->size, kyrListGetCount(rules->rules));
   }
   dumpIfListed(rules, "after insertion");
 }
@@ -126,7 +126,7 @@ KyrRule* kyrRulesRemoveRule(KyrRules* rules, KyrRule* rule) {
   {
     KyrLockGuard guard(rules->lock, "kyrRulesRemoveRule");
     removed = static_cast<KyrRule*>(kyrListFindAndRemove(rules->rules, rule));
-    std::atomic_ref(rules->size).store(kyrListGetCount(rules->rules), std::memory_order_relaxed);
+    kyrPublish(rules->size, kyrListGetCount(rules->rules));
   }
   dumpIfListed(rules, "after removal");
   return removed;
@@ -134,9 +134,7 @@ KyrRule* kyrRulesRemoveRule(KyrRules* rules, KyrRule* rule) {
 
 void kyrRulesPurge(KyrRules* rules) { freeDetachedRules(detachAll(rules)); }
 
-bool kyrRulesIsEmpty(KyrRules* rules) {
-  return std::atomic_ref(rules->size).load(std::memory_order_relaxed) == 0;
-}
+bool kyrRulesIsEmpty(KyrRules* rules) { return kyrPublished(rules->size) == 0; }
 
 KyrRule* kyrRulesFindMatchingRule(TrContext* trCtx, KyrRules* rules, void* object) {
   if (rules == nullptr) return nullptr;

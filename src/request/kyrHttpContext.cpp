@@ -2,13 +2,13 @@
 // host's decisions recorded on the context (permit, reject, redirect) and the plain accessors.
 #include "request/kyrHttpContext.h"
 
-#include <atomic>
 #include <cstring>
 #include <string>
 
 #include "lang/kyrRule.h"
 #include "mapping/kyrRequestMapper.h"
 #include "runtime/kyrLibUtil.h"
+#include "runtime/kyrPublish.h"
 #include "runtime/kyrTime.h"
 #include "selection/kyrTargetSelector.h"
 #include "trace/trContext.h"
@@ -120,8 +120,7 @@ bool applyRequestTraceRules(KyrHttpContext* ctx) {
   KyrRules* own = ctx->kyr->requestTraceRules;
   // Most handles have no request-trace rules at all: then no request takes the shared lock.
   if (kyrRulesIsEmpty(own) &&
-      (ctx->routingInfo == nullptr ||
-       std::atomic_ref(ctx->routingInfo->traceRuleSetCount).load(std::memory_order_relaxed) == 0)) {
+      (ctx->routingInfo == nullptr || kyrPublished(ctx->routingInfo->traceRuleSetCount) == 0)) {
     return false;
   }
   KyrLockGuard guard(own->lock, "initRequestTraceSpec");
@@ -143,8 +142,7 @@ void initRequestTraceSpec(KyrHttpContext* ctx) {
   if (applyRequestTraceRules(ctx)) return;
   TrSpec* spec = nullptr;
   // Read unlocked to spare every request the shared lock while the property is unset.
-  if (std::atomic_ref(kyr->customPropDefaultRequestTraceSpec).load(std::memory_order_acquire) !=
-      nullptr) {
+  if (kyrPublished(kyr->customPropDefaultRequestTraceSpec) != nullptr) {
     KyrLockGuard guard(kyr->trSpecLock, "initRequestTraceSpec");
     spec = kyr->customPropDefaultRequestTraceSpec;
     if (spec != nullptr) trSpecRefObtain(spec);

@@ -9,6 +9,7 @@
 #include "mapping/kyrRequestMapper.h"
 #include "request/kyrHttpContext.h"
 #include "runtime/kyrLibUtil.h"
+#include "runtime/kyrPublish.h"
 #include "runtime/kyrUtil.h"
 #include "selection/kyrTargetSelector.h"
 #include "trace/trWrite.h"
@@ -55,23 +56,18 @@ PartitionIDData* parsePartitionTable(const char* table, const char* version) {
   return tsPartitionIDDataCreate(map, version);
 }
 
+// The table belongs to the cluster the request was routed to, on which it holds a reference.
 void storePartitionTable(KyrHttpContext* ctx, const char* table, const char* version) {
-  TargetServer* server = ctx->targetEndpoint->server;
-  if (server == nullptr) return;
-  std::string clusterName;
-  {
-    KyrLockGuard guard(server->selector->lock, "storePartitionTable");
-    if (server->cluster != nullptr) clusterName = server->cluster->name;
-  }
-  if (!clusterName.empty()) {
-    kyrSetPartitionData(ctx->kyr, clusterName.c_str(), parsePartitionTable(table, version));
+  const Cluster* cluster = ctx->targetCluster;
+  if (cluster != nullptr && *cluster->name != '\0') {
+    kyrSetPartitionData(ctx->kyr, cluster->name, parsePartitionTable(table, version));
   }
 }
 
-// Clone IDs are set once, possibly by another request's response: read under the lock.
+// Clone IDs are set once, possibly by another request's response, and published when set.
 std::string serverCloneId(TargetServer* server) {
-  KyrLockGuard guard(server->selector->lock, "serverCloneId");
-  return server->cloneId != nullptr ? server->cloneId : "";
+  const char* cloneId = kyrPublished(server->cloneId);
+  return cloneId != nullptr ? cloneId : "";
 }
 
 // Every response callback is optional: a host without the one a step needs loses that step

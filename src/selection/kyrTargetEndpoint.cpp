@@ -203,7 +203,7 @@ int kyrTargetEndpointGetPort(KyrTargetEndpoint* tep) {
 
 const char* kyrTargetEndpointGetCloneId(KyrTargetEndpoint* tep) {
   TargetServer* server = serverOf(tep);
-  return server != nullptr ? server->cloneId : nullptr;
+  return server != nullptr ? kyrPublished(server->cloneId) : nullptr;
 }
 
 int kyrTargetEndpointGetConnectTimeout(KyrTargetEndpoint* tep) {

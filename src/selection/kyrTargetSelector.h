@@ -84,7 +84,7 @@ struct TargetServer {
   TargetSelector* selector;
   KyrConnector* connector;  // the connector that published the server; not dereferenced here
   char* state;
-  char* cloneId;  // set once
+  char* cloneId;  // set once, published: responses read it without the lock
   char* sessionAffinityCookies;
   bool cloneSeparatorChange;
   bool started;  // state is exactly "STARTED"

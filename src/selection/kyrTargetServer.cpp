@@ -2,7 +2,6 @@
 // own server feeds the handle's custom properties instead, run state with its effect on
 // endpoint host objects, selectability, connect back-off and response-time calculators.
 #include <algorithm>
-#include <atomic>
 #include <cstring>
 
 #include "health/hmHealthMonitor.h"
@@ -78,9 +77,8 @@ void setStateLocked(TargetServer* server, const char* state) {
 
 void initRetry(TargetServer* server) {
   TargetSelector* ts = server->selector;
-  std::atomic_ref(server->nextRetryInterval)
-      .store(kInitialRetryInterval, std::memory_order_relaxed);
-  std::atomic_ref(server->nextRetryTime).store(0, std::memory_order_relaxed);
+  kyrPublish(server->nextRetryInterval, kInitialRetryInterval);
+  kyrPublish(server->nextRetryTime, 0);
   trDebug(ts->trCtx, ts->controlRec, "initRetry: resetting retry interval and next retry time\n");
 }
 
@@ -182,7 +180,7 @@ void tsServerSetCloneId(TargetServer* server, const char* cloneId) {
   KyrLockGuard guard(server->selector->lock, "tsServerSetCloneId");
   // Deliberately first one wins: affinity cookies already issued carry the first clone ID.
   if (server->cloneId != nullptr) return;
-  server->cloneId = kyrStrdup(cloneId);
+  kyrPublish(server->cloneId, kyrStrdup(cloneId));
   kyrHashPut(server->selector->serverMapByCloneId, server->cloneId, server);
 }
 
@@ -339,9 +337,8 @@ void serverRecomputeSelectability(TargetServer* server) {
 // would be if the lock had been taken first.
 void tsServerConnectSuccess(TargetServer* server) {
   TargetSelector* ts = server->selector;
-  bool reset = std::atomic_ref(server->nextRetryInterval).load(std::memory_order_relaxed) ==
-                   kInitialRetryInterval &&
-               std::atomic_ref(server->nextRetryTime).load(std::memory_order_relaxed) == 0;
+  bool reset = kyrPublished(server->nextRetryInterval) == kInitialRetryInterval &&
+               kyrPublished(server->nextRetryTime) == 0;
   if (reset && !trContextLogEnabled(ts->trCtx, ts->controlRec)) return;
   KyrLockGuard guard(ts->lock, "tsServerConnectSuccess");
   initRetry(server);
@@ -351,10 +348,8 @@ void tsServerConnectFailure(TargetServer* server) {
   TargetSelector* ts = server->selector;
   KyrLockGuard guard(ts->lock, "tsServerConnectFailure");
   KyrTime interval = server->nextRetryInterval;
-  std::atomic_ref(server->nextRetryTime)
-      .store(kyrGetCurrentTime() + interval, std::memory_order_relaxed);
-  std::atomic_ref(server->nextRetryInterval)
-      .store(std::min(interval * 10, kMaxRetryInterval), std::memory_order_relaxed);
+  kyrPublish(server->nextRetryTime, kyrGetCurrentTime() + interval);
+  kyrPublish(server->nextRetryInterval, std::min(interval * 10, kMaxRetryInterval));
   trDebug(ts->trCtx, ts->balanceRec,
           "tsServerConnectFailure: connect failure to the server %s; nextRetryInterval=%lu, "
           "nextRetryTime=%lu",
