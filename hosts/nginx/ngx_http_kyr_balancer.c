@@ -207,6 +207,7 @@ static ngx_int_t ngx_http_kyr_init_peer(ngx_http_request_t *r, ngx_http_upstream
                   "kyr: upstream \"%V\" serves only locations with \"kyr_route on\"", &us->host);
     return NGX_ERROR;
   }
+  ctx->balanced = 1;
   ngx_http_upstream_t *u = r->upstream;
   u->peer.data = ctx;
   u->peer.get = ngx_http_kyr_get_peer;

@@ -43,6 +43,7 @@ typedef struct {
   ngx_http_request_t *r;
   KyrHttpContext *kctx;
   unsigned routed : 1;     /* the library chose an endpoint for the request */
+  unsigned balanced : 1;   /* kyr_upstream took it over, and reports how it ends */
   unsigned forwarding : 1; /* a connection to that endpoint is being tried or used */
 } ngx_http_kyr_ctx_t;
 

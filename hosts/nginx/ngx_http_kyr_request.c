@@ -8,8 +8,23 @@
 
 static ngx_http_output_header_filter_pt ngx_http_kyr_next_header_filter;
 
+/* A routed request that another upstream forwarded never tells the library how it ended, so
+ * the chosen servers' outstanding counts only grow until their connection limits turn requests
+ * away. nginx -t cannot always tell (proxy_pass may take variables): the first such request of
+ * a worker says so. */
+static void ngx_http_kyr_check_upstream(ngx_http_kyr_ctx_t *ctx) {
+  static ngx_flag_t warned;
+  if (warned || !ctx->routed || ctx->balanced || ctx->r->upstream == NULL) return;
+  warned = 1;
+  ngx_log_error(NGX_LOG_WARN, ngx_cycle->log, 0,
+                "kyr: a request routed with \"kyr_route on\" went to an upstream without "
+                "\"kyr_upstream\": the library never learns how such requests end, and its "
+                "servers' outstanding request counts only grow");
+}
+
 static void ngx_http_kyr_release(void *data) {
   ngx_http_kyr_ctx_t *ctx = data;
+  ngx_http_kyr_check_upstream(ctx);
   kyrHttpContextRelease(ctx->kctx);
 }
 

@@ -5,8 +5,8 @@
 # bounded. Without nginx or the module a case fails and says what is missing: these tests are
 # part of the suite (make test installs nginx and builds the module), never skipped.
 # Usage: nginx_module_test.py MODULE_SO SOURCE_DIR CASE [KYRPUBLISH]
-#   CASE: routing, rules, failover, timeout, config_errors, two_workers, publisher,
-#         publisher_edit (needs KYRPUBLISH), bad_traffic
+#   CASE: routing, rules, failover, timeout, foreign_upstream, config_errors, two_workers,
+#         publisher, publisher_edit (needs KYRPUBLISH), bad_traffic
 import http.client
 import json
 import os
@@ -290,6 +290,8 @@ def case_routing(cell):
     # A client cannot speak for this web server.
     status, _, _ = cell.get("/shop/catalog", {"$ZQRA": "192.0.2.1"})
     check(status == 400, "a client's own $ZQRA header got %d, not 400" % status)
+    check('without "kyr_upstream"' not in cell.log_tail(500),
+          "kyr_upstream's requests were taken for another upstream's")
 
 
 def case_rules(cell):
@@ -333,6 +335,21 @@ def case_timeout(cell):
     port = cell.backends["s1"][1]
     check("kyr: response timed out at endpoint 127.0.0.1:%d" % port in cell.log_tail(200),
           "no response time-out was reported to the library:\n" + cell.log_tail())
+
+
+def case_foreign_upstream(cell):
+    # Routed, but proxied by an upstream that is not kyr_upstream: it works, and each worker
+    # says once that the library will never hear how these requests end.
+    s1 = cell.backends["s1"][1]
+    cell.config(["kyr_routing_document %s;" % cell.document()],
+                upstream="server 127.0.0.1:%d;" % s1)
+    cell.start()
+    for _ in range(5):
+        check(cell.backend_of("/shop/catalog") == "s1", "the plain upstream did not answer")
+    warning = 'went to an upstream without "kyr_upstream"'
+    cell.wait_for_log(warning)
+    count = cell.log_tail(500).count(warning)
+    check(count == 1, "the worker warned %d times, not once" % count)
 
 
 def case_config_errors(cell):
@@ -713,6 +730,7 @@ CASES = {
     "rules": case_rules,
     "failover": case_failover,
     "timeout": case_timeout,
+    "foreign_upstream": case_foreign_upstream,
     "config_errors": case_config_errors,
     "two_workers": case_two_workers,
     "publisher": case_publisher,
