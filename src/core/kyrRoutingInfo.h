@@ -29,7 +29,7 @@ struct KyrRoutingInfo {
   // long as the version, and a trace rule set goes with its wrapper.
   KyrList* ruleParents;
   // This web server's trace rule sets ("vqTraceSpecs"), which requests holding this version
-  // consult for their trace specification. Guarded by the lock of kyr->requestTraceRules; its
+  // consult for their TrSpec. Guarded by the lock of kyr->requestTraceRules; its
   // count is also stored atomically, so that requests of a version without sets skip the lock.
   KyrList* traceRuleSets;
   int traceRuleSetCount;

@@ -48,10 +48,10 @@ void trContextSpecLockObtain(TrContext* ctx, const char* who) { kyrLockObtain(ct
 
 void trContextSpecLockRelease(TrContext* ctx) { kyrLockRelease(ctx->specLock); }
 
-// A pooled request context nearly always holds already the specification it is given (its
-// handle's default): then nothing is locked and no reference count moves, since those of the
-// handle's context and of its specification are shared by every request thread. The pointers
-// are only compared, so a specification swapped meanwhile is never read here.
+// A pooled request context nearly always holds already the TrSpec it is given (its handle's
+// default): then nothing is locked and no reference count moves, since those of the handle's
+// context and of its TrSpec are shared by every request thread. The pointers are only compared,
+// so a TrSpec swapped meanwhile is never read here.
 void trContextShareSpec(TrContext* to, TrContext* from) {
   if (currentSpec(to) == currentSpec(from)) return;
   trContextSetSpec(to, trContextGetSpec(from));

@@ -19,7 +19,7 @@ namespace kyr {
 
 void trContextSpecLockObtain(TrContext* ctx, const char* who);
 void trContextSpecLockRelease(TrContext* ctx);
-// Gives `to` the specification that `from` has now (see trContext.cpp for why it may not lock).
+// Gives `to` the TrSpec that `from` has now (see trContext.cpp for why it may not lock).
 void trContextShareSpec(TrContext* to, TrContext* from);
 
 }  // namespace kyr
