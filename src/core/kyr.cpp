@@ -95,8 +95,10 @@ void initFields(Kyr* kyr) {
   kyr->defaultProps = kyrHashMapCreate2(free);
   kyr->serverProps = kyrHashMapCreate2(free);
   kyr->maxHttpContextPoolSize = -1;
-  kyr->contextPool = kyrListCreate(kyrHttpContextDelete);
-  kyr->contextPoolLock = kyrLockCreate("Kyr.contextPoolLock");
+  for (KyrContextPool& pool : kyr->contextPools) {
+    pool.contextPool = kyrListCreate(kyrHttpContextDelete);
+    pool.contextPoolLock = kyrLockCreate("Kyr.contextPoolLock");
+  }
   kyr->targetEndpoint = nullptr;
   kyr->maxTargetEndpointsPerRequest = 9999;
   kyr->routingInfoLock = kyrLockCreate("Kyr.routingInfoLock");
@@ -126,7 +128,7 @@ void initFields(Kyr* kyr) {
 // released it before the count can reach zero.
 void kyrHandleFree(Kyr* kyr) {
   hmHealthMonitorDelete(kyr->healthMonitor);
-  kyrListDestroy(kyr->contextPool);
+  for (KyrContextPool& pool : kyr->contextPools) kyrListDestroy(pool.contextPool);
   kyrListDestroy(kyr->connectorGroupList);
   kyrServerProcessDelete(kyr->serverProcess);
   kyrClientProcessDelete(kyr->clientProcess);
@@ -141,7 +143,7 @@ void kyrHandleFree(Kyr* kyr) {
   kyrHashMapDestroy(kyr->partitionIDData.map);
   kyrLockDestroy(kyr->partitionIDData.lock);
   kyrLockDestroy(kyr->routingInfoLock);
-  kyrLockDestroy(kyr->contextPoolLock);
+  for (KyrContextPool& pool : kyr->contextPools) kyrLockDestroy(pool.contextPoolLock);
   trSpecRefRelease(kyr->customPropDefaultRequestTraceSpec);
   kyrLockDestroy(kyr->trSpecLock);
   kyrFree(kyr->unixDomainSocketPath);

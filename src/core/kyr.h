@@ -12,7 +12,8 @@
 //      headers and response processing;
 //   5. kyr->endPointRefLock, taken while the selector lock holds to share host endpoint objects;
 //   6. the server process's clientSocketListLock, held while a broadcast takes the send lock;
-//   7. leaves that take nothing else: routingInfoLock, contextPoolLock, trSpecLock, rm->lock (a
+//   7. leaves that take nothing else: routingInfoLock, a pool shard's contextPoolLock, trSpecLock,
+//   rm->lock (a
 //      version's application roots), a property set's lock, the worker queue's lock, a
 //      connector's route-change lock, a process object's send lock, trace locks.
 // Host callbacks that run while the library holds a lock, and so must not call back into it:
@@ -20,7 +21,7 @@
 //   - http.connector.open, sendRequest and close, alarm and alarm_ex: the control lock (a
 //     transport answers on another thread, whose handler then waits for that lock);
 //   - the http.request getters (headers, cookies, path, query, client data): a rule set's lock
-//     while rules are matched, the selector lock while affinity reads the session;
+//     while rules are matched (selection reads the session before it takes the selector lock);
 //   - http.request.setHeaderValue: the partition lock, for the partition-table version header
 //     (the other private headers and the affinity-break header are written without a lock);
 //   - targetEndpoint.create and targetEndpoint.release: the selector lock and endPointRefLock;
@@ -33,6 +34,7 @@
 
 #include "kyrlib.h"
 #include "runtime/kyrHash.h"
+#include "runtime/kyrLibUtil.h"
 #include "runtime/kyrList.h"
 #include "runtime/kyrLock.h"
 #include "runtime/kyrProperties.h"
@@ -56,6 +58,22 @@ struct KyrPartitionIDData {
   bool any;
 };
 
+// One shard of the handle's request-context pool. A request thread gives its contexts back to
+// the shard of its thread slot and takes from it first, so two threads do not pass one lock and
+// one list head between their cores on every request; a thread whose shard is empty takes from
+// the others, so contexts released on another thread than the one that obtained them are still
+// used again.
+struct KyrContextPool {
+  KyrList* contextPool;  // of KyrHttpContext, last in first out; guarded by contextPoolLock
+  KyrLock* contextPoolLock;
+  // contextPool's count, stored under the lock and read without it: takers skip empty shards
+  // and the pool's bound is checked against the sum without taking every shard's lock.
+  std::atomic<int> size;
+  // Shards lie side by side in the handle: 128 bytes apiece keep each shard's fields off the
+  // cache lines of its neighbours whatever the handle's alignment.
+  char padding[128 - 2 * sizeof(void*) - sizeof(std::atomic<int>)];
+};
+
 using AsyncCallbackFcn = void (*)(Kyr* kyr, void* obj);
 
 }  // namespace kyr
@@ -75,8 +93,7 @@ struct _Kyr {
   kyr::KyrHashMap* defaultProps;  // cell-level custom property values (malloc'd copies)
   kyr::KyrHashMap* serverProps;   // web-server-level custom property values (malloc'd copies)
   int maxHttpContextPoolSize;
-  kyr::KyrList* contextPool;
-  kyr::KyrLock* contextPoolLock;  // guards contextPool
+  kyr::KyrContextPool contextPools[kyr::kThreadSlots];
   KyrTargetEndpoint* targetEndpoint;
   int maxTargetEndpointsPerRequest;
   kyr::KyrLock* routingInfoLock;  // guards routingInfo, newRoutingInfo and version refcounts

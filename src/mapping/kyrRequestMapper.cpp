@@ -376,7 +376,7 @@ int rmMapRequest(RequestMapper* rm, KyrHttpContext* ctx) {
   }
   kyrHttpContextSetApplicationName(ctx, app->simpleName);
   kyrHttpContextSetEditionName(ctx, kyrPublished(app->edition));
-  kyrHttpContextSetModuleName(ctx, wm->name);
+  kyrHttpContextSetWebModule(ctx, wm);
   kyrHttpContextSetContextRoot(ctx, kyrPublished(wm->contextRoot));
   trTrace(tr, rm->debugReq, 7, "mapped request %s:%d/%s to web module %s\n", host, port, path,
           wm->name);

@@ -53,6 +53,7 @@ struct WebModule {
   struct RequestMapper* rm;
   Application* application;
   char* name;                    // full object name; also the name of its virtual cluster
+  int nameHash;                  // kyrHashCompute(name): selection looks the module up by it
   char* contextRoot;             // published
   char* sessionAffinityCookies;  // published
   KyrSSLMapMode sslMapMode;      // published

@@ -31,6 +31,7 @@ WebModule* rmWebModuleCreate(Application* app, const char* name, int restVersion
   wm->rm = app->rm;
   wm->application = app;
   wm->name = kyrStrdup(name);
+  wm->nameHash = kyrHashCompute(wm->name);
   wm->sslMapMode = NullMapMode;
   // Plain copies: the runtime's string-list helpers free them with free().
   wm->uris = kyrListCreate(free);

@@ -69,34 +69,22 @@ KyrHttpContext* createContext(Kyr* kyr) {
   return ctx;
 }
 
-// The context this thread pooled last. Only compared with the pool's entries, never read: it
-// may have been taken by another thread or freed since.
-thread_local const KyrHttpContext* t_lastPooled = nullptr;
-
-// How far into the pool a thread looks for its own last context.
-constexpr int kOwnContextSearch = 8;
-
-// A thread gets back the context it pooled last when that is among the pool's newest entries,
-// else the newest: a context that went back and forth between the request threads' cores
-// would bring every one of its cache lines over with it on each request.
-KyrHttpContext* removeOwnOrHead(KyrList* pool) {
-  KyrListEle* e = kyrListGetHead(pool);
-  for (int i = 0; e != nullptr && i < kOwnContextSearch; ++i, e = kyrListGetNext(e)) {
-    if (kyrListEleGetObject(e) == t_lastPooled) {
-      return static_cast<KyrHttpContext*>(kyrListRemove(pool, e));
-    }
-  }
-  return static_cast<KyrHttpContext*>(kyrListRemoveHead(pool));
-}
-
+// Own shard first: it holds the context this thread released last, whose cache lines are
+// still on this core. An empty shard is passed without its lock.
 KyrHttpContext* takeFromPool(Kyr* kyr) {
-  KyrLockGuard guard(kyr->contextPoolLock, "removeKyrHttpContextFromPool");
-  KyrHttpContext* ctx = removeOwnOrHead(kyr->contextPool);
-  if (ctx != nullptr) {
+  unsigned own = kyrThreadSlot();
+  for (unsigned i = 0; i < kThreadSlots; ++i) {
+    KyrContextPool& pool = kyr->contextPools[(own + i) % kThreadSlots];
+    if (pool.size.load(std::memory_order_relaxed) == 0) continue;
+    KyrLockGuard guard(pool.contextPoolLock, "removeKyrHttpContextFromPool");
+    auto* ctx = static_cast<KyrHttpContext*>(kyrListRemoveHead(pool.contextPool));
+    if (ctx == nullptr) continue;
+    pool.size.store(kyrListGetCount(pool.contextPool), std::memory_order_relaxed);
     ctx->state = INITIAL;
     ctx->stateMsg = "from pool";
+    return ctx;
   }
-  return ctx;
+  return nullptr;
 }
 
 // Installs the trace specification of the first rule of `rules` that the request matches and logs
@@ -178,6 +166,7 @@ void initContext(KyrHttpContext* ctx, EnvHttpContext* envHttpContext) {
   ctx->action = NONE;
   ctx->errorCode = 0;
   ctx->policy = nullptr;
+  ctx->webModule = nullptr;
   ctx->sticky = false;
   ctx->performedLoadBalancing = false;
   ctx->privateHeadersAdded = false;
@@ -196,17 +185,19 @@ void cleanContext(KyrHttpContext* ctx) {
   kyrListClean(ctx->failedServerApps);
 }
 
+// The bound is checked against the sum of the shards: threads releasing into other shards at
+// the same moment can take the pool past it by one context each.
 bool returnToPool(KyrHttpContext* ctx) {
   Kyr* kyr = ctx->kyr;
-  KyrLockGuard guard(kyr->contextPoolLock, "addKyrHttpContextToPool");
+  KyrContextPool& pool = kyr->contextPools[kyrThreadSlot()];
+  KyrLockGuard guard(pool.contextPoolLock, "addKyrHttpContextToPool");
   if (!kyrIsUsable(kyr)) return false;
-  if (kyr->maxHttpContextPoolSize >= 0 &&
-      kyr->maxHttpContextPoolSize <= kyrListGetCount(kyr->contextPool)) {
+  if (kyr->maxHttpContextPoolSize >= 0 && kyr->maxHttpContextPoolSize <= kyrContextPoolSize(kyr)) {
     return false;
   }
   ctx->state = CACHED;
-  kyrListAddHead(kyr->contextPool, ctx);
-  t_lastPooled = ctx;
+  kyrListAddHead(pool.contextPool, ctx);
+  pool.size.store(kyrListGetCount(pool.contextPool), std::memory_order_relaxed);
   return true;
 }
 
@@ -233,10 +224,23 @@ void kyrHttpContextDelete(void* p) {
   kyrDelete(ctx);
 }
 
+int kyrContextPoolSize(Kyr* kyr) {
+  int sum = 0;
+  for (const KyrContextPool& pool : kyr->contextPools) {
+    sum += pool.size.load(std::memory_order_relaxed);
+  }
+  return sum;
+}
+
 void kyrHttpContextSetAffinityPolicy(KyrHttpContext* ctx, HttpAffinityPolicy* policy) {
   ctx->policy = policy;
 }
 HttpAffinityPolicy* kyrHttpContextGetAffinityPolicy(KyrHttpContext* ctx) { return ctx->policy; }
+
+void kyrHttpContextSetWebModule(KyrHttpContext* ctx, WebModule* wm) {
+  kyrHttpContextSetModuleName(ctx, wm->name);
+  ctx->webModule = wm;
+}
 
 }  // namespace kyr
 
@@ -369,6 +373,7 @@ void kyrHttpContextSetApplicationName(KyrHttpContext* ctx, const char* name) {
 }
 const char* kyrHttpContextGetModuleName(KyrHttpContext* ctx) { return ctx->moduleName.text; }
 void kyrHttpContextSetModuleName(KyrHttpContext* ctx, const char* name) {
+  ctx->webModule = nullptr;
   contextTextSet(ctx, &ctx->moduleName, name);
 }
 const char* kyrHttpContextGetMatchedVHostName(KyrHttpContext* ctx) { return ctx->vHostName.text; }

@@ -10,6 +10,7 @@ namespace kyr {
 struct Cluster;
 struct TargetServerApplication;
 struct HttpAffinityPolicy;
+struct WebModule;
 
 // A text the context owns: a copy in the context's text space, or a counted copy of its own when
 // the space is full. Mapping stores about six names per request; copying them into space that
@@ -53,6 +54,9 @@ struct KyrHttpContext {
   kyr::ContextText redirectURL;
   kyr::ContextText applicationName;
   kyr::ContextText moduleName;
+  // The mapped module whose name moduleName holds, or null when the name was set on its own.
+  // Retired with the version the context holds, so readable for the whole request.
+  kyr::WebModule* webModule;
   kyr::ContextText editionName;
   kyr::ContextText vHostName;
   kyr::ContextText contextRoot;
@@ -77,8 +81,12 @@ namespace kyr {
 
 // The handle's pool destructor: frees a context that will not be used again.
 void kyrHttpContextDelete(void* ctx);
+// Contexts pooled in all of the handle's shards; exact only while no request thread runs.
+int kyrContextPoolSize(Kyr* kyr);
 
 void kyrHttpContextSetAffinityPolicy(KyrHttpContext* ctx, HttpAffinityPolicy* policy);
+// The module the request was mapped to: its name becomes the context's module name.
+void kyrHttpContextSetWebModule(KyrHttpContext* ctx, WebModule* wm);
 HttpAffinityPolicy* kyrHttpContextGetAffinityPolicy(KyrHttpContext* ctx);
 
 // The target the selector chose (the request holds references on it); counts the request as

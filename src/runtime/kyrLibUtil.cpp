@@ -11,19 +11,18 @@
 namespace kyr {
 namespace {
 
+std::atomic<unsigned> g_nextSlot{0};
+thread_local const unsigned t_slot =
+    g_nextSlot.fetch_add(1, std::memory_order_relaxed) % kThreadSlots;
+
 // A leak indicator only, so relaxed ordering is enough. Request threads allocate on every
 // request, and one shared counter would move its cache line between the cores each time: each
-// thread counts in a slot of its own (threads beyond the slots share them), a block freed by
-// another thread than its allocator's leaves both slots off by one, and only the sum means
-// anything.
-constexpr unsigned kCountSlots = 16;
+// thread counts in its own slot, a block freed by another thread than its allocator's leaves
+// both slots off by one, and only the sum means anything.
 struct alignas(64) CountSlot {
   std::atomic<int> count{0};
 };
-CountSlot g_memCount[kCountSlots];
-std::atomic<unsigned> g_nextSlot{0};
-thread_local const unsigned t_slot =
-    g_nextSlot.fetch_add(1, std::memory_order_relaxed) % kCountSlots;
+CountSlot g_memCount[kThreadSlots];
 
 void countUp() { g_memCount[t_slot].count.fetch_add(1, std::memory_order_relaxed); }
 void countDown() { g_memCount[t_slot].count.fetch_sub(1, std::memory_order_relaxed); }
@@ -52,6 +51,8 @@ char* kyrStrndup(const char* expr, size_t n, const char* file, int line) {
   if (copy != nullptr) memcpy(copy, expr, strnlen(expr, n));  // zero fill terminates it
   return copy;
 }
+
+unsigned kyrThreadSlot() { return t_slot; }
 
 int kyrGetMemCount() {
   int sum = 0;

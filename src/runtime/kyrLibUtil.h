@@ -21,6 +21,12 @@ char* kyrStrndup(const char* expr, size_t n, const char* file = __builtin_FILE()
 int kyrGetMemCount();
 void kyrResetMemCount();
 
+// Per-thread slots for state that request threads would otherwise all write: each thread has a
+// fixed slot below kThreadSlots (threads beyond that share slots), so two threads on two cores
+// usually write different cache lines.
+inline constexpr unsigned kThreadSlots = 16;
+unsigned kyrThreadSlot();
+
 // Counted construction of C++ objects: placement-new into kyrMalloc'd memory, so objects with
 // constructors are tracked by the same counter as plain blocks.
 template <class T, class... Args>

@@ -33,14 +33,20 @@ char** splitCookieNames(const char* text) {
   return array;
 }
 
-// The name with the letters from..to switched to the other case. Parameter names are ASCII, and
-// the locale-aware C library calls would cost more than the search itself.
-std::string asciiCase(const char* name, char from, char to) {
-  std::string out(name);
-  for (char& c : out) {
-    if (c >= from && c <= to) c = static_cast<char>(c ^ 0x20);
-  }
-  return out;
+// The path parameter that carries a session when cookies cannot, as sent and in upper case (the
+// lower-case spelling is the name itself).
+constexpr char kUrlSessionParam[] = "jsessionid";
+constexpr char kUrlSessionParamUpper[] = "JSESSIONID";
+
+// The session ID after the parameter: the name, one separator ("=" as a rule), then the rest of
+// the path to its end.
+const char* sessionIdInPath(const char* path) {
+  if (path == nullptr) return nullptr;
+  const char* found = strstr(path, kUrlSessionParam);
+  if (found == nullptr) found = strstr(path, kUrlSessionParamUpper);
+  if (found == nullptr) return nullptr;
+  size_t start = static_cast<size_t>(found - path) + sizeof kUrlSessionParam;
+  return strlen(path) > start ? path + start : nullptr;
 }
 
 TargetServerApplication* findSapp(TargetServer* server, const char* appName) {
@@ -147,28 +153,29 @@ HttpAffinityPolicy* virtualClusterGetAffinityPolicy(VirtualCluster* vc) {
 
 // ---- Session IDs ---------------------------------------------------------------------------
 
-const char* getSessionIdFromUrl(TargetSelector* ts, KyrHttpContext* ctx, const char* name) {
-  TrContext* tr = kyrHttpContextGetTrContext(ctx);
-  const char* path = kyrHttpContextGetPath(ctx);
-  trTrace(tr, ts->affinityRec, TR_LEVEL_DEBUG, "getSessionIdFromUrl: URL obtained='%s'\n",
-          kyrNullText(path));
-  if (path == nullptr) return nullptr;
-  // The name as given, then in upper case, then in lower case; a spelling equal to one already
-  // searched for cannot be found either.
-  const char* found = strstr(path, name);
-  std::string upper = asciiCase(name, 'a', 'z');
-  if (found == nullptr && upper != name) found = strstr(path, upper.c_str());
-  if (found == nullptr) {
-    std::string lower = asciiCase(name, 'A', 'Z');
-    if (lower != name && lower != upper) found = strstr(path, lower.c_str());
+void getSessionIds(KyrHttpContext* ctx, HttpAffinityPolicy* policy, SessionIds* ids) {
+  ids->policy = policy;
+  ids->cookieCount = 0;
+  char** names = policy != nullptr ? hapGetCookieNames(policy) : nullptr;
+  const EnvCallBacks* env = kyrGetEnvCallBacks(kyrHttpContextGetKyr(ctx));
+  EnvHttpContext* request = kyrHttpContextGetEnvContext(ctx);
+  for (char** name = names; name != nullptr && *name != nullptr; ++name) {
+    if (ids->cookieCount == SessionIds::kMaxCookies) break;
+    const char* value = env->http.request.getCookieValue(request, *name);
+    if (value != nullptr) ids->cookies[ids->cookieCount++] = {*name, value};
   }
-  if (found == nullptr) return nullptr;
-  // The name, one separator ("=" as a rule), then the session ID to the end of the path.
-  size_t start = static_cast<size_t>(found - path) + strlen(name) + 1;
-  if (strlen(path) <= start) return nullptr;
-  const char* sid = path + start;
-  trDebug(tr, ts->affinityRec, "getSessionIdFromUrl: session id='%s'\n", sid);
-  return sid;
+  ids->path = kyrHttpContextGetPath(ctx);
+  ids->urlSid = sessionIdInPath(ids->path);
+}
+
+const char* getSessionIdFromUrl(TargetSelector* ts, KyrHttpContext* ctx, const SessionIds& ids) {
+  TrContext* tr = kyrHttpContextGetTrContext(ctx);
+  trTrace(tr, ts->affinityRec, TR_LEVEL_DEBUG, "getSessionIdFromUrl: URL obtained='%s'\n",
+          kyrNullText(ids.path));
+  if (ids.urlSid != nullptr) {
+    trDebug(tr, ts->affinityRec, "getSessionIdFromUrl: session id='%s'\n", ids.urlSid);
+  }
+  return ids.urlSid;
 }
 
 TargetServerApplication* getAffinitySappFromSid(KyrHttpContext* ctx, VirtualCluster* vc,
@@ -234,32 +241,30 @@ TargetServerApplication* getAffinitySappFromSid(KyrHttpContext* ctx, VirtualClus
   return result;
 }
 
+// The cookies were read before the lock with the policy the module had then; when a document
+// has replaced it since, they are still used, as if the request had come a moment earlier.
 TargetServerApplication* getAffinityTargetServerApplication(KyrHttpContext* ctx, VirtualCluster* vc,
                                                             const char* appName, KyrTime now,
+                                                            const SessionIds& ids,
                                                             std::string* reason) {
   TargetSelector* ts = vc->selector;
   HttpAffinityPolicy* policy = virtualClusterGetAffinityPolicy(vc);
   const char* delimiter = ":";
-  char** cookieNames = nullptr;
   if (policy != nullptr) {
     delimiter = hapGetDelimiter(policy);
-    cookieNames = hapGetCookieNames(policy);
     kyrHttpContextSetAffinityPolicy(ctx, policy);
   }
-  const EnvCallBacks* env = kyrGetEnvCallBacks(kyrHttpContextGetKyr(ctx));
-  EnvHttpContext* request = kyrHttpContextGetEnvContext(ctx);
   std::string collected;
-  for (char** name = cookieNames; name != nullptr && *name != nullptr; ++name) {
-    const char* value = env->http.request.getCookieValue(request, *name);
-    if (value == nullptr) continue;
+  for (int i = 0; i < ids.cookieCount; ++i) {
+    const SessionIds::Cookie& cookie = ids.cookies[i];
     trDebug(kyrHttpContextGetTrContext(ctx), ts->affinityRec,
             "getAffinityTargetServerApplication: Found session cookie '%s' with value '%s'\n",
-            *name, value);
+            cookie.name, cookie.value);
     TargetServerApplication* sapp =
-        getAffinitySappFromSid(ctx, vc, appName, value, delimiter, now, &collected);
+        getAffinitySappFromSid(ctx, vc, appName, cookie.value, delimiter, now, &collected);
     if (sapp != nullptr) return sapp;
   }
-  if (const char* sid = getSessionIdFromUrl(ts, ctx, "jsessionid")) {
+  if (const char* sid = getSessionIdFromUrl(ts, ctx, ids)) {
     TargetServerApplication* sapp =
         getAffinitySappFromSid(ctx, vc, appName, sid, delimiter, now, &collected);
     if (sapp != nullptr) return sapp;

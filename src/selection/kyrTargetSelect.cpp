@@ -32,6 +32,21 @@ struct Choice {
   bool affinityBroken = false;  // the request is told so, after the lock
   int rejectCode = 0;
   const char* rejectReason = nullptr;
+  // Set instead of a choice when the session was read for another policy than the module's:
+  // the module's, for which the request is to be asked again.
+  HttpAffinityPolicy* askAgainFor = nullptr;
+};
+
+// What selection knows of the request before it takes the lock.
+struct Request {
+  const char* moduleName;
+  int moduleHash;
+  const char* appName;
+  int inbound;  // protocol index
+  KyrTime now;
+  bool debug;  // whether selectRec writes, asked once per selection
+  SessionIds session;
+  bool sessionFinal;  // asked again already: used whatever the policy is by now
 };
 
 Choice reject(TrContext* tr, TargetSelector* ts, int code, const char* reason, const char* fmt,
@@ -56,11 +71,11 @@ KyrSSLMapMode resolveSSLMapMode(KyrHttpContext* ctx, TargetSelector* ts, Virtual
 // affinity that names no usable server is traced and reported in `broken`, for the header
 // that says so, which is written once the selector lock is released.
 TargetServerApplication* affinityTarget(TargetSelector* ts, KyrHttpContext* ctx, VirtualCluster* vc,
-                                        const char* appName, KyrTime now, bool* broken) {
+                                        const Request& rq, bool* broken) {
   TrContext* tr = kyrHttpContextGetTrContext(ctx);
   std::string reason;
   TargetServerApplication* sapp =
-      getAffinityTargetServerApplication(ctx, vc, appName, now, &reason);
+      getAffinityTargetServerApplication(ctx, vc, rq.appName, rq.now, rq.session, &reason);
   if (sapp == nullptr) {
     if (!reason.empty()) {
       trLog(tr, ts->breakAffinityRec, reason.c_str());
@@ -86,17 +101,13 @@ TargetServerApplication* affinityTarget(TargetSelector* ts, KyrHttpContext* ctx,
 }
 
 // Steps that need the model to hold still: everything from the module lookup to the counts and
-// references of the chosen target. `debug` says whether selectRec writes; it is asked once per
-// selection because each question takes the trace context's lock.
-Choice chooseTarget(TargetSelector* ts, KyrHttpContext* ctx, const char* moduleName,
-                    const char* appName, int inbound, KyrTime now, bool debug) {
+// references of the chosen target.
+Choice chooseTarget(TargetSelector* ts, KyrHttpContext* ctx, const Request& rq) {
   TrContext* tr = kyrHttpContextGetTrContext(ctx);
-  // Every request thread waits for this lock, and hashing the long module name costs about a
-  // fifth of what is done under it: the hash is computed first.
-  int moduleHash = kyrHashCompute(moduleName);
+  const char* moduleName = rq.moduleName;
   KyrLockGuard guard(ts->lock, "tsSelect");
   auto* vc =
-      static_cast<VirtualCluster*>(kyrHashGet2(ts->virtualClusterMap, moduleName, moduleHash));
+      static_cast<VirtualCluster*>(kyrHashGet2(ts->virtualClusterMap, moduleName, rq.moduleHash));
   if (vc == nullptr) {
     return reject(tr, ts, 404, "web module not found by selector",
                   "tsSelect: module '%s' was not found; Error Status Code=404\n", moduleName);
@@ -105,16 +116,21 @@ Choice chooseTarget(TargetSelector* ts, KyrHttpContext* ctx, const char* moduleN
     return reject(tr, ts, 500, "no cluster",
                   "tsSelect: module '%s' has no cluster; Error Status Code=500\n", moduleName);
   }
-  if (virtualClusterGetAffinityPolicy(vc) == nullptr) {
+  HttpAffinityPolicy* policy = virtualClusterGetAffinityPolicy(vc);
+  if (policy == nullptr) {
     return reject(tr, ts, 500, "no affinity policy",
                   "tsSelect: module '%s' has no affinity policy; Error Status Code=500\n",
                   moduleName);
   }
-  int outbound = mapProtocol(inbound, resolveSSLMapMode(ctx, ts, vc));
   Choice choice;
+  if (policy != rq.session.policy && !rq.sessionFinal) {
+    choice.askAgainFor = policy;
+    return choice;
+  }
+  int outbound = mapProtocol(rq.inbound, resolveSSLMapMode(ctx, ts, vc));
   choice.rolloutInProgress = vc->cluster->editionRolloutInProgress;
-  TargetServerApplication* sapp = affinityTarget(ts, ctx, vc, appName, now, &choice.affinityBroken);
-  if (sapp == nullptr) sapp = wlorLoadBalance(vc, ts, now, ctx);
+  TargetServerApplication* sapp = affinityTarget(ts, ctx, vc, rq, &choice.affinityBroken);
+  if (sapp == nullptr) sapp = wlorLoadBalance(vc, ts, rq.now, ctx);
   if (sapp == nullptr) return choice;
   TargetServer* server = sapp->server;
   // A server without an endpoint of the wanted protocol is reached over the other one.
@@ -125,7 +141,7 @@ Choice chooseTarget(TargetSelector* ts, KyrHttpContext* ctx, const char* moduleN
   ++server->outstandingRequestCount;
   ++sapp->outstandingRequestCount;
   tsTargetInfoIncrementRefCnt(sapp, tep);
-  if (debug) {
+  if (rq.debug) {
     trContextDebug(tr, ts->selectRec,
                    "tsSelect: incremented endpoint refcnt: refcnt=%d, ctx=%p, endpoint='%s'\n",
                    tep->refcnt, static_cast<void*>(ctx), tep->name);
@@ -228,13 +244,28 @@ KyrTargetEndpoint* tsSelect(TargetSelector* ts, KyrHttpContext* ctx) {
     trDebug(tr, ts->error503Rec, "tsSelect: negative protocol index; Error Status Code=500\n");
     return nullptr;
   }
-  const char* appName = kyrHttpContextGetApplicationName(ctx);
-  const bool debug = trContextLogEnabled(tr, ts->selectRec);
-  if (debug) {
+  Request rq{};
+  rq.moduleName = moduleName;
+  rq.appName = kyrHttpContextGetApplicationName(ctx);
+  rq.inbound = inbound;
+  rq.debug = trContextLogEnabled(tr, ts->selectRec);
+  if (rq.debug) {
     trContextDebug(tr, ts->selectRec, "tsSelect: protocol=%s, appName=%s, moduleName=%s\n",
-                   protocol, kyrNullText(appName), moduleName);
+                   protocol, kyrNullText(rq.appName), moduleName);
   }
-  Choice choice = chooseTarget(ts, ctx, moduleName, appName, inbound, kyrGetCurrentTime(), debug);
+  rq.now = kyrGetCurrentTime();
+  // Work that needs no lock is done before it: the module's hash (the module names are long)
+  // and the session, read with the policy the mapped module has; a module whose policy is not
+  // built yet, or was replaced, is asked again once the selection has the module's own.
+  WebModule* wm = ctx->webModule;
+  rq.moduleHash = wm != nullptr ? wm->nameHash : kyrHashCompute(moduleName);
+  getSessionIds(ctx, wm != nullptr ? wmGetHttpAffinityPolicy(wm) : nullptr, &rq.session);
+  Choice choice = chooseTarget(ts, ctx, rq);
+  if (choice.askAgainFor != nullptr) {
+    getSessionIds(ctx, choice.askAgainFor, &rq.session);
+    rq.sessionFinal = true;
+    choice = chooseTarget(ts, ctx, rq);
+  }
   // A host callback, so not under the selector lock.
   if (choice.affinityBroken) kyrHttpContextBreakAffinity(ctx);
   if (choice.rejectCode != 0) {

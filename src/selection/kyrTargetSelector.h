@@ -303,6 +303,24 @@ void serverRecomputeSelectability(TargetServer* server);
 void sappRecomputeSelectability(TargetServerApplication* sapp);
 
 // ---- Target selection for one request -----------------------------------------------------
+// What a request says about its session, asked of the host before the selector lock is taken:
+// the host's callbacks may block, and every request thread waits for that lock.
+struct SessionIds {
+  struct Cookie {
+    const char* name;   // the policy's
+    const char* value;  // the host's
+  };
+  // Requests carry one session cookie as a rule; one naming more than this many of its module's
+  // session cookies is judged by the first ones.
+  static constexpr int kMaxCookies = 8;
+  HttpAffinityPolicy* policy = nullptr;  // whose cookie names were asked; null: none were
+  Cookie cookies[kMaxCookies] = {};      // the cookies the request carries, in the policy's order
+  int cookieCount = 0;
+  const char* path = nullptr;    // the host's path
+  const char* urlSid = nullptr;  // after "jsessionid" and one separator in the path, or null
+};
+// Reads the request's values of the policy's session cookies and its path parameter.
+void getSessionIds(KyrHttpContext* ctx, HttpAffinityPolicy* policy, SessionIds* ids);
 // The endpoint for the request, or null with a reject (status and reason) on the context. Takes
 // the selector lock itself.
 KyrTargetEndpoint* tsSelect(TargetSelector* ts, KyrHttpContext* ctx);
@@ -327,10 +345,10 @@ const char* getCloneIDSeparator(Cluster* cluster);
 // names, or null; `reason` collects why each clone ID found could not be used.
 TargetServerApplication* getAffinityTargetServerApplication(KyrHttpContext* ctx, VirtualCluster* vc,
                                                             const char* appName, KyrTime now,
+                                                            const SessionIds& ids,
                                                             std::string* reason);
-// The session ID after the path parameter `name` (also tried in upper and lower case): a
-// pointer into the host's path, or null.
-const char* getSessionIdFromUrl(TargetSelector* ts, KyrHttpContext* ctx, const char* name);
+// The session ID of the "jsessionid" path parameter read with the request's session (traced).
+const char* getSessionIdFromUrl(TargetSelector* ts, KyrHttpContext* ctx, const SessionIds& ids);
 TargetServerApplication* getAffinitySappFromSid(KyrHttpContext* ctx, VirtualCluster* vc,
                                                 const char* appName, const char* sid,
                                                 const char* delimiter, KyrTime now,

@@ -108,7 +108,7 @@ TEST(HttpContextPool, ContextsAreReusedEmptiedWhileTheHandleIsUsableAndThePoolHa
   // A stopped handle pools nothing.
   KyrHttpContext* first = kyrHttpContextObtain(kyr, &request);
   kyrHttpContextRelease(first);
-  EXPECT_EQ(kyr::kyrListGetCount(kyr->contextPool), 0);
+  EXPECT_EQ(kyr::kyrContextPoolSize(kyr), 0);
 
   kyr->state = STARTED;
   first = kyrHttpContextObtain(kyr, &request);
@@ -150,7 +150,7 @@ TEST(HttpContextPool, ContextsAreReusedEmptiedWhileTheHandleIsUsableAndThePoolHa
   KyrHttpContext* b = kyrHttpContextObtain(kyr, &request);
   kyrHttpContextRelease(a);
   kyrHttpContextRelease(b);  // the pool is full: deleted
-  EXPECT_EQ(kyr::kyrListGetCount(kyr->contextPool), 1);
+  EXPECT_EQ(kyr::kyrContextPoolSize(kyr), 1);
   kyr->state = STOPPED;
   kyrDestroy(kyr);  // the pooled context goes with the handle (ASan, LSan)
 }

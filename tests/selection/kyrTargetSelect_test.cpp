@@ -3,6 +3,7 @@
 // least-outstanding-requests load balancing with its rotation index, the SSL protocol maps, the
 // endpoint choice, the rejects, and the affinity policies modules get.
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <cstring>
 #include <map>
@@ -123,6 +124,40 @@ TEST_F(TargetSelect, ConnectFailuresBackTheServerOffForAffinityToo) {
   }
   EXPECT_TRUE(c2AffinityBroken());
   EXPECT_TRUE(printedContains("is not selectable because connect failure"));
+}
+
+// The host's request callbacks may block, so the session is read before the lock that every
+// request thread waits for; a module's first request, whose policy selection builds, is asked
+// again with it and keeps its affinity.
+TEST_F(TargetSelect, TheHostIsAskedForTheSessionOutsideTheSelectorLock) {
+  static pthread_mutex_t* selectorLock;
+  static int asked, askedUnderLock;
+  selectorLock = &kyr::kyrRoutingInfoGetTargetSelector(kyr_->routingInfo)->lock->lock;
+  asked = askedUnderLock = 0;
+  struct Probe {
+    static void note() {
+      ++asked;
+      if (pthread_mutex_trylock(selectorLock) != 0) {
+        ++askedUnderLock;  // this thread holds it: the only thread there is
+      } else {
+        pthread_mutex_unlock(selectorLock);
+      }
+    }
+    static char* cookie(EnvHttpContext* r, char* name) {
+      note();
+      return kyrtest::host::getCookieValue(r, name);
+    }
+    static char* path(EnvHttpContext* r) {
+      note();
+      return kyrtest::host::getPath(r);
+    }
+  };
+  kyr_->env.http.request.getCookieValue = Probe::cookie;
+  kyr_->env.http.request.getPath = Probe::path;
+  EXPECT_EQ(serverOf(route(withCookie("/shop/a", "abc:c2"))), "s2");
+  EXPECT_EQ(serverOf(route(request("/shop/x;jsessionid=0001abc:c3"))), "s3");
+  EXPECT_GT(asked, 0);
+  EXPECT_EQ(askedUnderLock, 0);
 }
 
 // ---- Load balancing --------------------------------------------------------------------------
