@@ -6,7 +6,8 @@
 // Lock order. A thread holding one of these locks takes only locks further down the list:
 //   1. the control lock (process-wide): start, stop, destroy, document application;
 //   2. the lock of a rule set (a work class's edition rules, the request-trace rules, a trace
-//      rule set), held while a request matches its rules and while a document changes them;
+//      rule set), held while a document changes it and while a request matches trace rules
+//      (edition rules are matched without it);
 //   3. the selector lock of a version's target model;
 //   4. kyr->partitionIDData.lock, taken inside selection for partition IDs and by private
 //      headers and response processing;
@@ -21,7 +22,8 @@
 //   - http.connector.open, sendRequest and close, alarm and alarm_ex: the control lock (a
 //     transport answers on another thread, whose handler then waits for that lock);
 //   - the http.request getters (headers, cookies, path, query, client data): a rule set's lock
-//     while rules are matched (selection reads the session before it takes the selector lock);
+//     while trace rules are matched (selection reads the session before it takes the selector
+//     lock);
 //   - http.request.setHeaderValue: the partition lock, for the partition-table version header
 //     (the other private headers and the affinity-break header are written without a lock);
 //   - targetEndpoint.create and targetEndpoint.release: the selector lock and endPointRefLock;

@@ -36,6 +36,7 @@ void routingInfoDelete(KyrRoutingInfo* ri) {
   // Retired memory first: it is self-contained, while the owners below free what it could
   // still name.
   kyrListDestroy(ri->retired);
+  ri->retired = nullptr;  // what the owners below give up now is freed at once
   // Objects are freed by their owners (selector, mapper); the map frees only its wrappers and
   // the objects no owner frees.
   kyrHashMapSetDestructor(ri->objectMap, objectWrapperFree);

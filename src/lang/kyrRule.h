@@ -34,6 +34,11 @@ enum KyrRuleParentWrapperType {
 // A rule created with no explicit order sorts after every rule that was given one.
 constexpr int kKyrRuleDefaultOrder = 999800;
 
+// How a set whose rules requests match without its lock gives up what a change replaces (a
+// rule, its expression or action, the old match order): a request may still be reading it, so
+// the owner frees it later, when no request can.
+using KyrRulesRetireFcn = void (*)(void* owner, void* object, void (*freeFn)(void*), size_t bytes);
+
 struct KyrRules;
 
 struct KyrRule {
@@ -51,10 +56,15 @@ struct KyrRule {
 
 struct KyrRules {
   // Ascending by order; equal orders keep their insertion order. The set owns the rules in it.
-  // Changes take `lock`; matching walks the list without it, so an owner that changes a set
-  // in use serialises the two itself.
+  // Changes take `lock`.
   KyrList* rules;
   KyrLock* lock;
+  // `rules` as a null-terminated array, rebuilt under `lock` at each change and published:
+  // matching walks it without the lock. Without a retire function what a change replaces is
+  // freed at once, so matching such a set needs the lock.
+  KyrRule** matchOrder;
+  KyrRulesRetireFcn retire;
+  void* retireOwner;
   // How many rules the set holds: changed under `lock` with atomic stores, so that a request
   // can pass an empty set by without taking the lock every request thread shares.
   int size;
@@ -93,6 +103,10 @@ void kyrRulesInsertRule(KyrRules* rules, KyrRule* rule);
 KyrRule* kyrRulesRemoveRule(KyrRules* rules, KyrRule* rule);
 // Frees every rule in the set.
 void kyrRulesPurge(KyrRules* rules);
+// From now on what changes replace is handed to `retire`, and requests match without the lock.
+void kyrRulesSetRetire(KyrRules* rules, KyrRulesRetireFcn retire, void* owner);
+// Frees `object` with `freeFn` now, or later through the set's retire function when it has one.
+void kyrRulesDispose(KyrRules* rules, void* object, void (*freeFn)(void*), size_t bytes);
 bool kyrRulesIsEmpty(KyrRules* rules);  // without the lock; a set filled meanwhile may be missed
 // The first rule, lowest order first, whose expression is true for `object`; null for none.
 KyrRule* kyrRulesFindMatchingRule(TrContext* trCtx, KyrRules* rules, void* object);
@@ -105,8 +119,11 @@ KyrRule* kyrRuleCreate(KyrRules* rules);
 // an Action for work-class rules, a trace-specification reference for trace rules, nothing
 // for other types (a health policy keeps its own objects).
 void kyrRuleFree(KyrRule* rule);
+// Frees a rule that no set holds any more, with its attached object and parse.
+void kyrRuleFreeDetached(void* rule);
 // Parses `text` (null means no expression, which is not an error); true when the rule now
-// holds a valid expression. On failure the error, position and caret line are kept.
+// holds a valid expression. On failure the error, position and caret line are kept. The new
+// parse replaces the old one whole, so a request matching meanwhile sees one or the other.
 bool kyrRuleSetExpr(KyrRule* rule, const char* text);
 bool kyrRuleMatches(TrContext* trCtx, KyrRule* rule, void* object);
 
@@ -115,7 +132,7 @@ int kyrRuleGetOrder(const KyrRule* rule);
 void kyrRuleSetType(KyrRule* rule, KyrRuleType type);
 KyrRuleType kyrRuleGetType(const KyrRule* rule);
 const char* kyrRuleGetTypeString(const KyrRule* rule);
-void kyrRuleSetObject(KyrRule* rule, void* object);
+void kyrRuleSetObject(KyrRule* rule, void* object);  // published: requests read it unlocked
 void* kyrRuleGetObject(const KyrRule* rule);
 void kyrRuleSetApplication(KyrRule* rule, void* application);
 void* kyrRuleGetApplication(const KyrRule* rule);

@@ -33,21 +33,28 @@ void dumpIfListed(KyrRules* rules, const char* where) {
   if (trContextLogEnabled(ctx, rules->recCtrlList)) dumpRules(where, ctx, rules);
 }
 
-// Frees every rule of a list taken out of its set.
-void freeDetachedRules(KyrList* list) {
+// Publishes the list as the new match order and gives up the old one. Under the lock.
+void publishMatchOrder(KyrRules* rules) {
+  auto** order = reinterpret_cast<KyrRule**>(kyrListCreateArray(rules->rules));
+  KyrRule** old = kyrPublishExchange(rules->matchOrder, order);
+  int count = kyrListGetCount(rules->rules);
+  kyrPublish(rules->size, count);
+  if (old != nullptr) kyrRulesDispose(rules, old, free, (count + 1) * sizeof(KyrRule*));
+}
+
+// Takes every rule out of the set, under its lock; `rules` null frees them at once.
+void freeDetachedRules(KyrRules* rules, KyrList* list) {
   while (auto* rule = static_cast<KyrRule*>(kyrListRemoveHead(list))) {
-    rule->rules = nullptr;  // already out of the set
-    kyrRuleFree(rule);
+    kyrRulesDispose(rules, rule, kyrRuleFreeDetached, sizeof(KyrRule));
   }
   kyrListDestroyDbg(list);
 }
 
-// Takes every rule out of the set, under its lock.
 KyrList* detachAll(KyrRules* rules) {
   KyrLockGuard guard(rules->lock, "kyrRulesPurge");
   KyrList* all = rules->rules;
   rules->rules = kyrListCreateDbg(nullptr);
-  kyrPublish(rules->size, 0);
+  publishMatchOrder(rules);
   return all;
 }
 
@@ -57,6 +64,7 @@ KyrRules* kyrRulesCreate(Language* language, Kyr* kyr) {
   auto* rules = static_cast<KyrRules*>(kyrMalloc(sizeof(KyrRules)));
   rules->rules = kyrListCreateDbg(nullptr);
   rules->lock = kyrLockCreate("kyrRules");
+  rules->matchOrder = reinterpret_cast<KyrRule**>(kyrListCreateArray(rules->rules));
   rules->language = language;
   rules->kyr = kyr;
   rules->type = KYRRULESTYPE_UNKNOWN;
@@ -66,7 +74,8 @@ KyrRules* kyrRulesCreate(Language* language, Kyr* kyr) {
 
 void kyrRulesFree(KyrRules* rules) {
   if (rules == nullptr) return;
-  freeDetachedRules(rules->rules);
+  freeDetachedRules(nullptr, rules->rules);  // no request reads a set that is being freed
+  free(rules->matchOrder);
   kyrLockDestroy(rules->lock);
   kyrFree(rules);
 }
@@ -114,7 +123,7 @@ void kyrRulesInsertRule(KyrRules* rules, KyrRule* rule) {
     } else {
       kyrListAddTail(rules->rules, rule);
     }
-    kyrPublish(rules->size, kyrListGetCount(rules->rules));
+    publishMatchOrder(rules);
   }
   dumpIfListed(rules, "after insertion");
 }
@@ -126,21 +135,34 @@ KyrRule* kyrRulesRemoveRule(KyrRules* rules, KyrRule* rule) {
   {
     KyrLockGuard guard(rules->lock, "kyrRulesRemoveRule");
     removed = static_cast<KyrRule*>(kyrListFindAndRemove(rules->rules, rule));
-    kyrPublish(rules->size, kyrListGetCount(rules->rules));
+    if (removed != nullptr) publishMatchOrder(rules);
   }
   dumpIfListed(rules, "after removal");
   return removed;
 }
 
-void kyrRulesPurge(KyrRules* rules) { freeDetachedRules(detachAll(rules)); }
+void kyrRulesPurge(KyrRules* rules) { freeDetachedRules(rules, detachAll(rules)); }
+
+void kyrRulesSetRetire(KyrRules* rules, KyrRulesRetireFcn retire, void* owner) {
+  rules->retire = retire;
+  rules->retireOwner = owner;
+}
+
+void kyrRulesDispose(KyrRules* rules, void* object, void (*freeFn)(void*), size_t bytes) {
+  if (object == nullptr) return;
+  if (rules != nullptr && rules->retire != nullptr) {
+    rules->retire(rules->retireOwner, object, freeFn, bytes);
+  } else {
+    freeFn(object);
+  }
+}
 
 bool kyrRulesIsEmpty(KyrRules* rules) { return kyrPublished(rules->size) == 0; }
 
 KyrRule* kyrRulesFindMatchingRule(TrContext* trCtx, KyrRules* rules, void* object) {
   if (rules == nullptr) return nullptr;
-  for (KyrListEle* e = kyrListGetHead(rules->rules); e != nullptr; e = kyrListGetNext(e)) {
-    auto* rule = static_cast<KyrRule*>(kyrListEleGetObject(e));
-    if (kyrRuleMatches(trCtx, rule, object)) return rule;
+  for (KyrRule** rule = kyrPublished(rules->matchOrder); *rule != nullptr; ++rule) {
+    if (kyrRuleMatches(trCtx, *rule, object)) return *rule;
   }
   trDebug(trCtx, rules->recReqProcess, "kyrRule: No rule found matching context %p", object);
   return nullptr;

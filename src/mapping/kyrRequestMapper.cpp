@@ -292,9 +292,8 @@ const char* evaluateAppEditionRoutingRules(Application* app, KyrHttpContext* ctx
     kyrHttpContextSetPermit(ctx, edition, false);
     return edition;
   }
-  // Deltas change rules in place under the set's lock; the decision is read under it too, and
-  // what outlives it is the context's own copy of the edition.
-  KyrLockGuard guard(wc->rules->lock, "evaluateAppEditionRoutingRules");
+  // No lock: a delta publishes the set's new match order and each rule's new expression or
+  // action whole, and what it replaces lives as long as the version this request holds.
   KyrRule* rule = kyrRulesFindMatchingRule(kyrHttpContextGetTrContext(ctx), wc->rules, ctx);
   if (rule == nullptr) {
     kyrHttpContextSetReject(ctx, 500, "no edition routing rule match found; Error Status Code=500");

@@ -10,6 +10,17 @@
 #include "trace/trWrite.h"
 
 namespace kyr {
+namespace {
+
+// Requests match edition rules without the set's lock; what a delta replaces in the set lives
+// as long as the version they hold.
+void retireIntoVersion(void* ri, void* object, void (*freeFn)(void*), size_t bytes) {
+  kyrRoutingInfoRetire(static_cast<KyrRoutingInfo*>(ri), object, freeFn, bytes);
+}
+
+void deleteAction(void* action) { actionDelete(static_cast<Action*>(action)); }
+
+}  // namespace
 
 bool isDefaultWebRouteWorkClass(const WebRouteWorkClass* wc) {
   static constexpr char kSuffix[] = "Default_HTTP_WC";
@@ -29,6 +40,7 @@ WebRouteWorkClass* rmWebRouteWorkClassCreate(Application* app, const char* name)
   Kyr* kyr = kyrRoutingInfoGetKyr(rm->ri);
   wc->rules = kyrRulesCreate(kyrGetHttpLanguage(kyr), kyr);
   kyrRulesSetType(wc->rules, KYRRULESTYPE_WEBROUTEWORKCLASS);
+  kyrRulesSetRetire(wc->rules, retireIntoVersion, rm->ri);
   return wc;
 }
 
@@ -75,10 +87,12 @@ KyrRule* rmEditionRoutingRuleCreate(WebRouteWorkClass* wc, const char* name) {
 
 bool rmEditionRoutingRuleSetPropStr(KyrRule* rule, const char*, const char* value) {
   Action* action = actionCreate(value);
-  // Requests read a rule's action under its set's lock, and a delta may replace it in place.
-  KyrLockGuard guard(kyrRuleGetRules(rule)->lock, "rmEditionRoutingRuleSetPropStr");
-  actionDelete(static_cast<Action*>(kyrRuleGetObject(rule)));
+  KyrRules* rules = kyrRuleGetRules(rule);
+  KyrLockGuard guard(rules->lock, "rmEditionRoutingRuleSetPropStr");
+  // A request may be reading the old action: the set retires it.
+  void* old = kyrRuleGetObject(rule);
   kyrRuleSetObject(rule, action);
+  kyrRulesDispose(rules, old, deleteAction, sizeof(Action));
   return true;
 }
 

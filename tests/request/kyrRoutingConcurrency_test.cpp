@@ -78,7 +78,8 @@ std::string delta(int version, const char* op, const std::string& body) {
 
 // Every kind of change a document can make in place: an application with a module, its URIs
 // and links comes and goes, properties of modules, servers, clusters and endpoints change, a
-// work class with rules comes, changes and goes.
+// work class with a rule comes, the rule's expression and action change, the rule and then the
+// work class go.
 std::vector<std::string> inPlaceDocuments(int& version, int round) {
   const std::string cell = kyrtest::kCell;
   const std::string late = cell + "/application/late";
@@ -110,6 +111,11 @@ std::vector<std::string> inPlaceDocuments(int& version, int round) {
       delta(++version, "set",
             R"({"objects": {"type": "rule", "name": ")" + lateClass +
                 R"(/rule/10", "props": {"expression": "uri like '/late/*'"}}})"),
+      delta(++version, "set",
+            R"({"objects": {"type": "rule", "name": ")" + lateClass +
+                R"(/rule/10", "props": {"action": "reject:502"}}})"),
+      delta(++version, "del",
+            R"({"objects": {"type": "rule", "name": ")" + lateClass + R"(/rule/10"}})"),
       delta(++version, "set",
             R"({"objects": [{"type": "cluster", "name": ")" + cell +
                 R"(/cluster/web", "props": {"ioTimeoutRetry": )" + std::to_string(round % 3) +
