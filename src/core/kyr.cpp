@@ -96,7 +96,6 @@ void initFields(Kyr* kyr) {
   kyr->serverProps = kyrHashMapCreate2(free);
   kyr->maxHttpContextPoolSize = -1;
   for (KyrContextPool& pool : kyr->contextPools) {
-    pool.contextPool = kyrListCreate(kyrHttpContextDelete);
     pool.contextPoolLock = kyrLockCreate("Kyr.contextPoolLock");
   }
   kyr->targetEndpoint = nullptr;
@@ -128,7 +127,7 @@ void initFields(Kyr* kyr) {
 // released it before the count can reach zero.
 void kyrHandleFree(Kyr* kyr) {
   hmHealthMonitorDelete(kyr->healthMonitor);
-  for (KyrContextPool& pool : kyr->contextPools) kyrListDestroy(pool.contextPool);
+  kyrContextPoolsEmpty(kyr);
   kyrListDestroy(kyr->connectorGroupList);
   kyrServerProcessDelete(kyr->serverProcess);
   kyrClientProcessDelete(kyr->clientProcess);

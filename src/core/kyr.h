@@ -13,10 +13,9 @@
 //      headers and response processing;
 //   5. kyr->endPointRefLock, taken while the selector lock holds to share host endpoint objects;
 //   6. the server process's clientSocketListLock, held while a broadcast takes the send lock;
-//   7. leaves that take nothing else: routingInfoLock, a pool shard's contextPoolLock, trSpecLock,
-//   rm->lock (a
-//      version's application roots), a property set's lock, the worker queue's lock, a
-//      connector's route-change lock, a process object's send lock, trace locks.
+//   7. leaves that take nothing else: routingInfoLock, a pool shard's contextPoolLock,
+//      trSpecLock, rm->lock (a version's application roots), a property set's lock, the worker
+//      queue's lock, a connector's route-change lock, a process object's send lock, trace locks.
 // Host callbacks that run while the library holds a lock, and so must not call back into it:
 //   - stateChange.kyr, stateChange.kyrConnectorGroup, stateChange.kyrConnector: the control lock;
 //   - http.connector.open, sendRequest and close, alarm and alarm_ex: the control lock (a
@@ -66,9 +65,11 @@ struct KyrPartitionIDData {
 // the others, so contexts released on another thread than the one that obtained them are still
 // used again.
 struct KyrContextPool {
-  KyrList* contextPool;  // of KyrHttpContext, last in first out; guarded by contextPoolLock
+  // The newest pooled context, linked to the older ones by their poolNext (last in, first out:
+  // no list element is allocated and freed per request). Guarded by contextPoolLock.
+  KyrHttpContext* contextPool;
   KyrLock* contextPoolLock;
-  // contextPool's count, stored under the lock and read without it: takers skip empty shards
+  // The contexts' count, stored under the lock and read without it: takers skip empty shards
   // and the pool's bound is checked against the sum without taking every shard's lock.
   std::atomic<int> size;
   // Shards lie side by side in the handle: 128 bytes apiece keep each shard's fields off the

@@ -77,9 +77,11 @@ KyrHttpContext* takeFromPool(Kyr* kyr) {
     KyrContextPool& pool = kyr->contextPools[(own + i) % kThreadSlots];
     if (pool.size.load(std::memory_order_relaxed) == 0) continue;
     KyrLockGuard guard(pool.contextPoolLock, "removeKyrHttpContextFromPool");
-    auto* ctx = static_cast<KyrHttpContext*>(kyrListRemoveHead(pool.contextPool));
+    KyrHttpContext* ctx = pool.contextPool;
     if (ctx == nullptr) continue;
-    pool.size.store(kyrListGetCount(pool.contextPool), std::memory_order_relaxed);
+    pool.contextPool = ctx->poolNext;
+    pool.size.store(pool.size.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
+    ctx->poolNext = nullptr;
     ctx->state = INITIAL;
     ctx->stateMsg = "from pool";
     return ctx;
@@ -196,8 +198,9 @@ bool returnToPool(KyrHttpContext* ctx) {
     return false;
   }
   ctx->state = CACHED;
-  kyrListAddHead(pool.contextPool, ctx);
-  pool.size.store(kyrListGetCount(pool.contextPool), std::memory_order_relaxed);
+  ctx->poolNext = pool.contextPool;
+  pool.contextPool = ctx;
+  pool.size.store(pool.size.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
   return true;
 }
 
@@ -230,6 +233,16 @@ int kyrContextPoolSize(Kyr* kyr) {
     sum += pool.size.load(std::memory_order_relaxed);
   }
   return sum;
+}
+
+void kyrContextPoolsEmpty(Kyr* kyr) {
+  for (KyrContextPool& pool : kyr->contextPools) {
+    while (KyrHttpContext* ctx = pool.contextPool) {
+      pool.contextPool = ctx->poolNext;
+      kyrHttpContextDelete(ctx);
+    }
+    pool.size.store(0, std::memory_order_relaxed);
+  }
 }
 
 void kyrHttpContextSetAffinityPolicy(KyrHttpContext* ctx, HttpAffinityPolicy* policy) {

@@ -42,6 +42,7 @@ struct KyrHttpContext {
   kyr::KyrTime serviceTimeStart;
   kyr::KyrTime serviceTime;
   kyr::KyrList* failedServerApps;
+  KyrHttpContext* poolNext;  // while pooled: the next older context of the shard
   int failureCount;
   int responseTimeouts;
   KyrSSLMapMode sslMapMode;
@@ -83,6 +84,8 @@ namespace kyr {
 void kyrHttpContextDelete(void* ctx);
 // Contexts pooled in all of the handle's shards; exact only while no request thread runs.
 int kyrContextPoolSize(Kyr* kyr);
+// Frees every pooled context; for the handle's end, when no request thread runs.
+void kyrContextPoolsEmpty(Kyr* kyr);
 
 void kyrHttpContextSetAffinityPolicy(KyrHttpContext* ctx, HttpAffinityPolicy* policy);
 // The module the request was mapped to: its name becomes the context's module name.
