@@ -799,6 +799,7 @@ class Editor {
     const Node target = any(all);
     json_t* props = json_object_get(target.object, "props");
     auto set = [&](const char* name, json_t* value) { setProp(target.object, name, value); };
+    auto str = [](const std::string& s) { return json_string(s.c_str()); };
     // Removing a rule's expression would tie its order with the default rule's, and ties are
     // broken by document order, which deltas do not keep.
     if (chance(15)) {
@@ -812,46 +813,61 @@ class Editor {
       if (chance(50)) return (void)json_object_del(props, name.c_str());
       return set(name.c_str(), json_null());
     }
-    if (target.type == "rule" && chance(50))
-      return set("action", json_string(ruleAction(cell).c_str()));
-    // The values each property takes, as JSON texts, some of a type its setter skips; "%"
-    // becomes a number not used before.
-    using Values = std::vector<std::pair<const char*, std::vector<const char*>>>;
-    static const std::map<std::string, Values> kValues = {
-        {"cell", {{"cp.MaxHttpContextPoolSize", {"7", R"("10")", R"("20")", R"("64")"}}}},
-        {"node", {{"cp.node.maintenancemode", {R"("true")", R"("false")", R"("maybe")"}}}},
+    const std::map<std::string, std::vector<std::function<void()>>> changes = {
+        {"cell", {[&] {
+           if (chance(20)) return set("cp.MaxHttpContextPoolSize", json_integer(7));
+           set("cp.MaxHttpContextPoolSize", one({"10", "20", "64"}));
+         }}},
+        {"node", {[&] {
+           set("cp.node.maintenancemode", one({"true", "false", "maybe"}));
+         }}},
         {"server",
-         {{"state", {R"("STARTED")", R"("STOPPED")"}},
-          {"weight", {"0", "1", "2", "3", R"("2")"}},
-          {"id", {R"("clone-y%")"}},
-          {"server.maintenancemode", {R"("false")", R"("affinity")", R"("break")", R"("bogus")"}},
-          {"maxConnections", {"0", "50", "100"}},
-          {"connectTimeout", {"1", "2", "3", "4", "5"}}}},
-        {"serverApplication",
-         {{"state", {R"("STARTED")", R"("STOPPED")", R"("AFFINITY")", R"("QUIESCED")"}}}},
+         {[&] {
+            set("state", one({"STARTED", "STOPPED"}));
+          },
+          [&] { set("weight", json_integer(pick(4))); }, [&] { set("weight", json_string("2")); },
+          [&] { set("id", str("clone-y" + next())); },
+          [&] {
+            set("server.maintenancemode", one({"false", "affinity", "break", "bogus"}));
+          },
+          [&] { set("maxConnections", json_integer(pick(3) * 50)); },
+          [&] { set("connectTimeout", json_integer(1 + pick(5))); }}},
+        {"serverApplication", {[&] {
+           set("state", one({"STARTED", "STOPPED", "AFFINITY", "QUIESCED"}));
+         }}},
         {"transport",
-         {{"port", {"9080", "9081", "9082"}},
-          {"host", {R"("hz%.example.com")"}},
-          {"protocol", {R"("http")", R"("https")", R"("ftp")"}}}},
+         {[&] { set("port", json_integer(9080 + pick(3))); },
+          [&] { set("host", str("hz" + next() + ".example.com")); },
+          [&] {
+            set("protocol", one({"http", "https", "ftp"}));
+          }}},
         {"cluster",
-         {{"cookieNames", {R"("JSESSIONID")", R"("SID")"}},
-          {"cloneIdSeparator", {R"(":")", R"("+")"}},
-          {"learnCloneIds", {"true", "false"}}}},
-        {"application",
-         {{"sessionAffinityCookies", {R"("APPSID")"}},
-          {"state", {R"("STARTED")", R"("STOPPED")"}}}},
-        {"webModule",
-         {{"protocolMap", {R"("direct")", R"("http")", R"("https")"}},
-          {"contextRoot", {R"("/moved%")"}}}},
-        {"vHost", {{"port", {"80", "81", "82"}}, {"host", {R"("hv%.example.com")"}}}},
-        {"rule", {{"expression", {R"("header$X-R% = 'yes'")"}}}},
+         {[&] {
+            set("cookieNames", one({"JSESSIONID", "SID"}));
+          },
+          [&] {
+            set("cloneIdSeparator", one({":", "+"}));
+          },
+          [&] { set("learnCloneIds", json_boolean(chance(50))); }}},
+        {"application", {[&] {
+           if (chance(50)) return set("sessionAffinityCookies", json_string("APPSID"));
+           set("state", one({"STARTED", "STOPPED"}));
+         }}},
+        {"webModule", {[&] {
+           if (chance(50)) return set("protocolMap", one({"direct", "http", "https"}));
+           set("contextRoot", str("/moved" + next()));
+         }}},
+        {"vHost", {[&] {
+           if (chance(50)) return set("port", json_integer(80 + pick(3)));
+           set("host", str("hv" + next() + ".example.com"));
+         }}},
+        {"rule", {[&] {
+           if (chance(50)) return set("action", str(ruleAction(cell)));
+           set("expression", str("header$X-R" + next() + " = 'yes'"));
+         }}},
     };
-    auto it = kValues.find(target.type);
-    if (it == kValues.end()) return;
-    const auto& [name, values] = any(it->second);
-    std::string value = any(values);
-    if (size_t at = value.find('%'); at != std::string::npos) value.replace(at, 1, next());
-    set(name, json_loads(value.c_str(), JSON_DECODE_ANY, nullptr));
+    auto it = changes.find(target.type);
+    if (it != changes.end()) it->second[it->second.size() == 1 ? 0 : pick(it->second.size())]();
   }
 
   void changeLinks(Cell& cell) {
