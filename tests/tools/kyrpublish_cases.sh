@@ -120,7 +120,9 @@ open(sys.argv[1], "w").write(json.dumps(doc, indent=1))
 EOF
 }
 
-# Where the bank's new sessions go: 300 requests, one at a time, through a new web server.
+# Where the bank's new sessions go: 300 requests, one at a time, through a new web server. Every
+# server is idle when asked, so the rotation takes each in turn whatever its weight (weights
+# only count between busy servers).
 spread() {
   timeout 30 "$route" $ws route --publisher "$1" GET https://shop.example.com/bank/account \
     --repeat 300 >"$dir/spread.out" 2>&1 || fail "route --publisher $1 failed"

@@ -143,10 +143,6 @@ case "$case_name" in
     { echo "service-time 1"; sed '1a service-time s2=2' "$dir/requests"; } >"$dir/timed"
     expect 0 "reject 404" -- route --requests - <"$dir/timed"
     grep -E '^(GET|  )' "$out" | cmp -s "$dir/from-file" - || fail "the decisions differ" ;;
-  balance)
-    # One request at a time: every server is idle when asked, so the rotation takes each in
-    # turn whatever its weight (weights only count between busy servers).
-    expect 0 "133  +33.3%  /cell/shop/node/n2/server/s3" -- route GET https://shop.example.com/bank/account --repeat 399 ;;
   delta)
     # Affinity maintenance takes s3 out of load balancing; it still keeps its sessions.
     expect 0 "150  +50.0%  /cell/shop/node/n1/server/s2" -- \
@@ -190,12 +186,6 @@ case "$case_name" in
       "$tool" route --publisher "$publisher" --group-property colour=blue GET https://shop.example.com/
     expect 2 "^kyrroute: group property 'waitTime' is not NAME=VALUE\$" -- \
       "$tool" route --publisher "$publisher" --group-property waitTime GET https://shop.example.com/ ;;
-  publisher_failover)
-    # Publishers are tried in order: the first refuses, the second delivers.
-    start_publisher
-    expect 0 "server    /cell/shop/node/n2/server/s3 \(clone c3\)" -- timeout 30 "$tool" $ws route \
-      --publisher "http://127.0.0.1:$(closed_port)" --publisher "$publisher" \
-      GET https://shop.example.com/shop/catalog -H "Cookie: JSESSIONID=0001abc:c3" ;;
   publisher_silent)
     # No answer: the wait ends at --timeout, and stopping does not wait for the request.
     start_silent_publisher
