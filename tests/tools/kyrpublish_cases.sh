@@ -101,21 +101,17 @@ EOF
 holds() { http GET "$1/status" | grep -q "\"pollsWaiting\":$2,"; }
 held() { within 10 holds "$1" "$2" || fail "the publisher did not come to hold $2 polls"; }
 
-# edit_cell KEY=VALUE: sets a property of server s3 in the cell (a JSON value, else a string),
-# rewriting the file in place.
+# edit_cell PYTHON...: runs the statements on the cell's document, its "add" part as add and
+# the properties of server s3 as s3, and rewrites the file in place.
 edit_cell() {
-  python3 - "$cell" "$1" <<'EOF'
+  python3 - "$cell" "$@" <<'EOF'
 import json, sys
 doc = json.load(open(sys.argv[1]))
-key, value = sys.argv[2].split("=", 1)
-try:
-    value = json.loads(value)
-except ValueError:
-    pass
-cell = doc["add"]["objects"][0]
-node = next(o for o in cell["objects"] if o["name"] == "/node/n2")
-server = next(o for o in node["objects"] if o["name"] == "/server/s3")
-server["props"][key] = value
+add = doc["add"]
+node = next(o for o in add["objects"][0]["objects"] if o["name"] == "/node/n2")
+s3 = next(o for o in node["objects"] if o["name"] == "/server/s3")["props"]
+for statement in sys.argv[2:]:
+    exec(statement)
 open(sys.argv[1], "w").write(json.dumps(doc, indent=1))
 EOF
 }
@@ -126,22 +122,6 @@ EOF
 spread() {
   timeout 30 "$route" $ws route --publisher "$1" GET https://shop.example.com/bank/account \
     --repeat 300 >"$dir/spread.out" 2>&1 || fail "route --publisher $1 failed"
-}
-
-# add_health_policy NAME TYPE THRESHOLD: adds a health policy to the cell, linked to every
-# server.
-add_health_policy() {
-  python3 - "$cell" "$@" <<'EOF'
-import json, sys
-path, name, kind, threshold = sys.argv[1:]
-doc = json.load(open(path))
-add = doc["add"]
-add["objects"].append({"type": "healthPolicy", "name": name,
-                       "props": {"type": kind, "threshold": int(threshold)}})
-servers = [r["server"] for r in add["relationships"]["cluster:server"]]
-add["relationships"]["server:healthPolicy"] = [{"server": s, "healthPolicy": name} for s in servers]
-open(path, "w").write(json.dumps(doc, indent=1))
-EOF
 }
 
 # health_state SERVER: what the publisher last heard of SERVER's health policy, true or false,
@@ -207,7 +187,7 @@ EOF
     watch w --publisher "$url" --count 3
     wait_for "$dir/w.out" "^document complete version 1: "
     held "$url" 1
-    edit_cell server.maintenancemode=affinity
+    edit_cell 's3["server.maintenancemode"] = "affinity"'
     wait_for "$dir/w.out" "^document delta version 2: 0 added, 0 deleted, 1 set, from $url\$"
     wait_for "$dir/a.log" "edit of $cell: version 2, delta of [0-9]+ bytes, answered 1 waiting polls"
     spread "$url"
@@ -248,7 +228,7 @@ EOF
     grep -q "100   33.3%  /cell/shop/node/n2/server/s3" "$dir/spread.out" || fail "the old data is not served"
     grep -q "^document delta" "$dir/w.out" && fail "a refused edit reached the web server"
     cp "$src/examples/cell/cell.json" "$cell"
-    edit_cell server.maintenancemode=affinity
+    edit_cell 's3["server.maintenancemode"] = "affinity"'
     wait_for "$dir/w.out" "^document delta version 2: 0 added, 0 deleted, 1 set"
     http GET "$url/status" | grep -q '"version":2,.*"problem":null' || fail "the problem stayed" ;;
   failover)
@@ -261,7 +241,7 @@ EOF
     b=$url
     watch w --publisher "$a" --publisher "$b" --count 4
     wait_for "$dir/w.out" "^document complete version 1: .* from $a\$"
-    edit_cell server.maintenancemode=affinity
+    edit_cell 's3["server.maintenancemode"] = "affinity"'
     wait_for "$dir/w.out" "^document delta version 2: .* from $a\$"
     wait_for "$dir/b.log" "edit of $cell: version 2, .* answered 0 waiting polls"
     kill -TERM "$(cat "$dir/a.pid")"
@@ -289,10 +269,10 @@ EOF
       >"$dir/nosuch.out" 2>&1 && fail "an unknown group was served"
     wait_for "$dir/a.log" "refused 404 POST /brisvane from .*: unknown group 'nosuch'"
     cell="$dir/groups/bank.json"
-    edit_cell weight=5
+    edit_cell 's3["weight"] = 5'
     wait_for "$dir/a.log" "edit of $cell: version 2, .* answered 0 waiting polls"
     cell="$dir/groups/shop.json"
-    edit_cell server.maintenancemode=affinity
+    edit_cell 's3["server.maintenancemode"] = "affinity"'
     wait_for "$dir/w.out" "^document delta version 2: 0 added, 0 deleted, 1 set"
     cp "$cell" "$dir/groups/late.json"
     echo '{' >"$dir/groups/broken.json"
@@ -318,7 +298,7 @@ EOF
     grep -q "150   50.0%  /cell/shop/node/n1/server/s2" "$dir/spread.out" ||
       fail "a new web server did not get the pushed delta"
     cmp -s "$cell" "$src/examples/cell/cell.json" || fail "apply changed the cell file"
-    edit_cell weight=2
+    edit_cell 's3["weight"] = 2'
     wait_for "$dir/w.out" "^document delta version 3: "
     spread "$url"
     grep -q "/cell/shop/node/n2/server/s3" "$dir/spread.out" || fail "the edit did not undo the pushed delta"
@@ -434,7 +414,10 @@ EOF
     # and each is answered before the status is read, so no slow request waits in the pipe
     # when the times recover. The library averages a server's response times over 15 s, so
     # the recovery takes that long to be seen.
-    add_health_policy /healthPolicy/slowResponse ExcessiveResponseTime 300
+    edit_cell 'policy = {"type": "ExcessiveResponseTime", "threshold": 300}' \
+      'add["objects"].append({"type": "healthPolicy", "name": "/healthPolicy/slowResponse", "props": policy})' \
+      'add["relationships"]["server:healthPolicy"] = [{"server": r["server"],
+          "healthPolicy": "/healthPolicy/slowResponse"} for r in add["relationships"]["cluster:server"]]'
     start a 127.0.0.1:0
     mkfifo "$dir/feed"
     timeout 100 "$route" $ws route --publisher "$url" --requests - --service-time 10 \
