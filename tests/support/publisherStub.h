@@ -12,13 +12,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
 #include <functional>
 #include <mutex>
+#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -315,15 +315,9 @@ class Publisher {
   }
 
   static int64_t queryValue(const std::string& uri, const char* name, int64_t otherwise) {
-    std::string key = std::string(name) + "=";
-    size_t query = uri.find('?');
-    if (query == std::string::npos) return otherwise;
-    for (size_t at = uri.find(key, query); at != std::string::npos; at = uri.find(key, at + 1)) {
-      char before = uri[at - 1];
-      if (before == '?' || before == '&')
-        return std::strtoll(uri.c_str() + at + key.size(), nullptr, 10);
-    }
-    return otherwise;
+    std::smatch value;
+    std::regex key(std::string("[?&]") + name + "=(-?[0-9]+)");
+    return std::regex_search(uri, value, key) ? std::stoll(value[1]) : otherwise;
   }
 
   static bool isRouteChange(const std::string& body) {
@@ -340,19 +334,16 @@ class Publisher {
     size_t headEnd = c.in.find("\r\n\r\n");
     if (headEnd == std::string::npos) return false;
     std::string head = c.in.substr(0, headEnd);
-    size_t length = 0;
-    std::string lower = head;
-    std::transform(lower.begin(), lower.end(), lower.begin(),
-                   [](unsigned char ch) { return static_cast<char>(std::tolower(ch)); });
-    size_t at = lower.find("\r\ncontent-length:");
-    if (at != std::string::npos) length = std::strtoul(head.c_str() + at + 17, nullptr, 10);
-    if (c.in.size() < headEnd + 4 + length) return false;
-    size_t sp1 = head.find(' ');
-    size_t sp2 = head.find(' ', sp1 + 1);
-    request.method = head.substr(0, sp1);
-    request.uri = sp1 == std::string::npos ? "" : head.substr(sp1 + 1, sp2 - sp1 - 1);
-    request.body = c.in.substr(headEnd + 4, length);
-    c.in.erase(0, headEnd + 4 + length);
+    static const std::regex kLength("\r\ncontent-length: *([0-9]+)", std::regex::icase);
+    static const std::regex kRequestLine("^([^ ]*) ?([^ ]*)");
+    std::smatch length, line;
+    size_t bodySize = std::regex_search(head, length, kLength) ? std::stoul(length[1]) : 0;
+    if (c.in.size() < headEnd + 4 + bodySize) return false;
+    std::regex_search(head, line, kRequestLine);
+    request.method = line[1];
+    request.uri = line[2];
+    request.body = c.in.substr(headEnd + 4, bodySize);
+    c.in.erase(0, headEnd + 4 + bodySize);
     return true;
   }
 
