@@ -3,10 +3,7 @@
 // headers it reads by their fixed layout, and the failures after which it reconnects.
 #include "connector/kyrHttpClient.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -160,24 +157,13 @@ TEST(HttpClient, BadURLsAndRefusedConnectionsGiveNull) {
     EXPECT_EQ(kyr::kyrHttpClientCreate(url), nullptr) << url;
   }
   EXPECT_EQ(kyr::kyrHttpClientCreate(nullptr), nullptr);
-  // A port nothing listens on: the one a closed listener just had.
-  int probe = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof addr;
-  bind(probe, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-  getsockname(probe, reinterpret_cast<sockaddr*>(&addr), &length);
-  close(probe);
-  std::string url = "http://127.0.0.1:" + std::to_string(ntohs(addr.sin_port));
-  kyr::KyrHttpClient* client = kyr::kyrHttpClientCreate(url.c_str());
+  int port = kyrtest::closedPort();
+  kyr::KyrHttpClient* client = kyr::kyrHttpClientCreate(kyrtest::stub::urlFor(port).c_str());
   ASSERT_NE(client, nullptr);
   testing::internal::CaptureStdout();
   EXPECT_EQ(kyr::kyrHttpClientGetResponse(client, "GET", "/", nullptr, 1), nullptr);
   std::string printed = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(printed.rfind("connect failed to 127.0.0.1:" + std::to_string(ntohs(addr.sin_port)), 0),
-            0u)
-      << printed;
+  EXPECT_EQ(printed.rfind("connect failed to 127.0.0.1:" + std::to_string(port), 0), 0u) << printed;
   EXPECT_EQ(client->fd, -1);
   kyr::kyrHttpClientDelete(client);
 }

@@ -1,7 +1,6 @@
 // A scripted publisher on a loopback port for the connector tests.
 #pragma once
 
-#include <arpa/inet.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -10,6 +9,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "support/publisherStub.h"
 
 namespace kyrtest {
 
@@ -20,16 +21,8 @@ class StubPublisher {
  public:
   using Reply = std::vector<std::string>;
 
-  explicit StubPublisher(std::vector<Reply> replies) : replies_(std::move(replies)) {
-    listener_ = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof addr;
-    bind(listener_, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-    listen(listener_, 4);
-    getsockname(listener_, reinterpret_cast<sockaddr*>(&addr), &length);
-    port_ = ntohs(addr.sin_port);
+  explicit StubPublisher(std::vector<Reply> replies)
+      : replies_(std::move(replies)), listener_(stub::listenOn(0)), port_(stub::portOf(listener_)) {
     thread_ = std::thread([this] { serve(); });
   }
   ~StubPublisher() {
@@ -37,7 +30,7 @@ class StubPublisher {
     close(listener_);
   }
 
-  std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
+  std::string url() const { return stub::urlFor(port_); }
   const std::vector<std::string>& requests() const { return requests_; }
   int connections() const { return connections_; }
 

@@ -8,8 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "connector/kyrConnector.h"
@@ -27,14 +25,6 @@ inline void discardPrintf(TrContext* context, va_list args) {
   const char* format = trContextGetFormat(context);
   char text[512];
   if (format != nullptr) vsnprintf(text, sizeof text, format, args);
-}
-
-// A file of the fuzz targets' own data in tests/fuzz, read whole.
-inline std::string readFuzzData(const char* file) {
-  std::ifstream in(std::string(KYR_FUZZ_DATA_DIR) + "/" + file);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
 }
 
 // Reads a string the library returned, to its end.

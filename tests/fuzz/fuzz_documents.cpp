@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <iterator>
 #include <string>
 #include <string_view>
 
@@ -46,7 +47,6 @@ constexpr Visit kVisits[] = {
     {"www.example.com", 80, "/orphan/o", nullptr, nullptr},
     {"www.example.com", 80, "/nowhere", nullptr, nullptr},
 };
-constexpr int kVisitCount = static_cast<int>(sizeof kVisits / sizeof kVisits[0]);
 
 struct Fixture {
   Fixture() : baseline(kyrtest::readTestData(kBaseline)) {
@@ -113,7 +113,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     // A request in flight while the document changes the model it was routed with.
     EnvHttpContext held;
-    prepare(held, kVisits[i % kVisitCount]);
+    prepare(held, kVisits[static_cast<size_t>(i) % std::size(kVisits)]);
     kyrfuzz::InFlight inFlight = kyrfuzz::routeRequest(kyr, &held);
     f.handle.apply(document);
     kyrfuzz::completeRequest(inFlight);

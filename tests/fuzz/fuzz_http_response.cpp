@@ -26,22 +26,12 @@ constexpr size_t kMaxReplySize = 256 * 1024;
 // the time-out is never what ends a run.
 constexpr int kReceiveTimeoutSecs = 1;
 
-// Sends until all is out or the peer is gone (the client closes its end as soon as it fails).
-void sendAll(int fd, const uint8_t* data, size_t size, int flags) {
-  while (size > 0) {
-    ssize_t sent = send(fd, data, size, flags | MSG_NOSIGNAL);
-    if (sent < 0 && errno == EINTR) continue;
-    if (sent <= 0) return;
-    data += sent;
-    size -= static_cast<size_t>(sent);
-  }
-}
-
-// What the socket takes without blocking; the rest is left to a writer thread.
-size_t sendWithoutWaiting(int fd, const uint8_t* data, size_t size) {
+// Sends until all is out, the peer is gone (the client closes its end as soon as it fails) or,
+// with MSG_DONTWAIT, the socket would block; how much went out.
+size_t sendUpTo(int fd, const uint8_t* data, size_t size, int flags) {
   size_t done = 0;
   while (done < size) {
-    ssize_t sent = send(fd, data + done, size - done, MSG_DONTWAIT | MSG_NOSIGNAL);
+    ssize_t sent = send(fd, data + done, size - done, flags | MSG_NOSIGNAL);
     if (sent < 0 && errno == EINTR) continue;
     if (sent <= 0) break;
     done += static_cast<size_t>(sent);
@@ -73,11 +63,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   client->fd = fds[0];  // the client owns this end from now on and closes it
   int publisher = fds[1];
 
-  size_t sent = sendWithoutWaiting(publisher, data, size);
+  // What the socket takes without blocking; the rest is left to a writer thread.
+  size_t sent = sendUpTo(publisher, data, size, MSG_DONTWAIT);
   std::thread writer;
   if (sent < size) {
     writer = std::thread([publisher, data, sent, size] {
-      sendAll(publisher, data + sent, size - sent, 0);
+      sendUpTo(publisher, data + sent, size - sent, 0);
       shutdown(publisher, SHUT_WR);
     });
   } else {

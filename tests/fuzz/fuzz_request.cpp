@@ -119,7 +119,7 @@ void setRequest(EnvHttpContext& r, const Input& in) {
 struct Fixture {
   Fixture()
       : cell(kyrtest::readTestData("cell-routing.json")),
-        rules(kyrfuzz::readFuzzData("request-rules.json")) {
+        rules(kyrtest::readTestData("request-rules.json", KYR_FUZZ_DATA_DIR)) {
     // Every request's debug lines are formatted, most of them with the fields of the input.
     kyrSetServerCustomProperty(handle.kyr(), "DefaultRequestTraceSpec", ":NOTICE,http:DEBUG");
   }

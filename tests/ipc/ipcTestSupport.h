@@ -240,13 +240,6 @@ inline std::string stateChangesOf(Kyr* kyr) {
   return out;
 }
 
-inline bool reportedStarted(Kyr* kyr) {
-  for (const StateChange& change : stateChanges().of(kyr)) {
-    if (change.state == STARTED) return true;
-  }
-  return false;
-}
-
 // How long a child waits for something before it says it did not come; shorter than the test
 // waits for its report, so the two stay in step.
 constexpr std::chrono::milliseconds kChildWait = std::chrono::seconds(10);
@@ -264,47 +257,59 @@ inline void serveCommands(Kyr* kyr, Child::Link& link) {
     } else if (command == "clients") {
       link.report(std::to_string(kyrServerProcessGetClientCount(kyrGetServerProcess(kyr))));
     } else if (command == "started") {
-      bool started = eventually([&] { return reportedStarted(kyr); }, kChildWait);
-      link.report(started ? stateChangesOf(kyr) : "not started");
+      auto started = [&] { return stateChangesOf(kyr).find("STARTED ") != std::string::npos; };
+      link.report(eventually(started, kChildWait) ? stateChangesOf(kyr) : "not started");
     } else {
       link.report("unknown command " + command);
     }
   }
 }
 
-// A handle in a child: the recorder of state changes came over from the test process, and a
-// handle destroyed there may have had this one's address.
-inline Kyr* childHandle(TestHost& host) {
-  stateChanges().clear();
+// The server process's handle on the socket, its group fed by the publisher, started; null
+// (and destroyed) if it did not start.
+inline Kyr* startServerProcess(TestHost& host, const std::string& socketPath,
+                               const std::string& publisherUrl, uid_t socketUid = getuid()) {
   host.env.trace.printf = nullptr;
-  return host.create();
+  Kyr* kyr = host.create();
+  kyrConnectorCreate(kyrConnectorGroupCreate(kyr, kGroup), publisherUrl.c_str());
+  if (kyrMarkAsServerProcess(kyr, socketPath.c_str(), socketUid) == 0 && kyrStart(kyr, -1) == 0)
+    return kyr;
+  kyrDestroy(kyr);
+  return nullptr;
 }
 
-// A client process: reports "starting" once kyrStart returned, then answers commands.
-inline void runClientProcess(Child::Link& link, const std::string& socketPath) {
-  TestHost host;
-  Kyr* kyr = childHandle(host);
+// A client process's handle of the socket, started (it reaches STARTED once the server's data
+// came); null (and destroyed) if it could not start.
+inline Kyr* startClientProcess(TestHost& host, const std::string& socketPath) {
+  host.env.trace.printf = nullptr;
+  Kyr* kyr = host.create();
   kyrConnectorGroupCreate(kyr, kGroup);
-  if (kyrMarkAsClientProcess(kyr, socketPath.c_str()) != 0 || kyrStart(kyr, -1) != 0) {
-    link.report("could not start");
-    return;
-  }
-  link.report("starting");
+  if (kyrMarkAsClientProcess(kyr, socketPath.c_str()) == 0 && kyrStart(kyr, -1) == 0) return kyr;
+  kyrDestroy(kyr);
+  return nullptr;
+}
+
+// A client process in a child: reports "starting" once kyrStart returned, then answers
+// commands. The recorder of state changes came over from the test process, and a handle
+// destroyed there may have had this one's address.
+inline void runClientProcess(Child::Link& link, const std::string& socketPath) {
+  stateChanges().clear();
+  TestHost host;
+  Kyr* kyr = startClientProcess(host, socketPath);
+  link.report(kyr != nullptr ? "starting" : "could not start");
+  if (kyr == nullptr) return;
   serveCommands(kyr, link);
   kyrDestroy(kyr);
 }
 
-// A server process fed by the publisher: reports "started" once the routing data is there,
-// then answers commands.
+// A server process in a child, fed by the publisher: reports "started" once the routing data
+// is there, then answers commands.
 inline void runServerProcess(Child::Link& link, const std::string& socketPath,
                              const std::string& publisherUrl) {
+  stateChanges().clear();
   TestHost host;
-  Kyr* kyr = childHandle(host);
-  kyrConnectorCreate(kyrConnectorGroupCreate(kyr, kGroup), publisherUrl.c_str());
-  if (kyrMarkAsServerProcess(kyr, socketPath.c_str(), getuid()) != 0 || kyrStart(kyr, -1) != 0) {
-    link.report("could not start");
-    return;
-  }
+  Kyr* kyr = startServerProcess(host, socketPath, publisherUrl);
+  if (kyr == nullptr) return link.report("could not start");
   bool started = eventually([&] { return kyrGetState(kyr) == STARTED; }, kChildWait);
   link.report(started ? "started" : "not started");
   serveCommands(kyr, link);
@@ -348,28 +353,6 @@ inline bool closedByPeer(int fd, std::chrono::milliseconds within = kStepWait) {
     if (n == 0 || (n < 0 && errno == ECONNRESET)) return true;
   }
   return false;
-}
-
-// ---- Route changes a publisher heard ---------------------------------------------------------
-
-// "add NAME" and "del NAME" for each name under the prefix in the route changes the publisher
-// received, in the order they came.
-inline std::vector<std::string> routeEvents(const Publisher& publisher, const std::string& prefix) {
-  std::vector<std::string> events;
-  for (const std::string& body : publisher.routeChanges()) {
-    json_error_t error;
-    json_t* json = json_loads(body.c_str(), 0, &error);
-    for (const char* key : {"addRoutes", "delRoutes"}) {
-      size_t i;
-      json_t* name;
-      json_array_foreach(json_object_get(json, key), i, name) {
-        std::string text = json_string_value(name) != nullptr ? json_string_value(name) : "";
-        if (text.starts_with(prefix)) events.push_back(std::string(key, 3) + " " + text);
-      }
-    }
-    json_decref(json);
-  }
-  return events;
 }
 
 }  // namespace kyrtest

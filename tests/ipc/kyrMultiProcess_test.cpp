@@ -52,12 +52,8 @@ class MultiProcess : public ::testing::Test {
     });
   }
   void startServer(uid_t socketUid = getuid()) {
-    host_.env.trace.printf = nullptr;
-    server_ = host_.create();
-    connector_ =
-        kyrConnectorCreate(kyrConnectorGroupCreate(server_, kGroup), publisher_.url().c_str());
-    ASSERT_EQ(kyrMarkAsServerProcess(server_, dir_.path().c_str(), socketUid), 0);
-    ASSERT_EQ(kyrStart(server_, -1), 0);
+    server_ = startServerProcess(host_, dir_.path(), publisher_.url(), socketUid);
+    ASSERT_NE(server_, nullptr);
     ASSERT_TRUE(eventually([&] { return kyrGetState(server_) == STARTED; }, kStepWait));
   }
   int connectedClients() { return kyrServerProcessGetClientCount(kyrGetServerProcess(server_)); }
@@ -85,7 +81,6 @@ class MultiProcess : public ::testing::Test {
   Publisher publisher_{readTestData("cell-routing.json")};
   TestHost host_;
   Kyr* server_ = nullptr;
-  KyrConnector* connector_ = nullptr;
   std::vector<std::unique_ptr<Child>> clients_;
 };
 
@@ -143,7 +138,6 @@ class RouteAgreement : public MultiProcess {
     MultiProcess::SetUp();
     if (IsSkipped()) return;
     ASSERT_NO_FATAL_FAILURE(startServer());
-    url_ = kyrConnectorGetURL(connector_);
     for (auto* reporter : {&a_, &b_}) {
       *reporter = std::make_unique<Child>(
           [path = dir_.path()](Child::Link& link) { runReporter(link, path); });
@@ -156,7 +150,7 @@ class RouteAgreement : public MultiProcess {
   std::string routes(const std::vector<std::string>& add, const std::vector<std::string>& del) {
     json_t* doc = json_object();
     json_object_set_new(doc, "connectorGroupName", json_string(kGroup));
-    json_object_set_new(doc, "connectorURL", json_string(url_.c_str()));
+    json_object_set_new(doc, "connectorURL", json_string(publisher_.url().c_str()));
     for (auto [key, names] : {std::pair{"addRoutes", &add}, std::pair{"delRoutes", &del}}) {
       if (names->empty()) continue;
       json_t* array = json_array();
@@ -177,7 +171,7 @@ class RouteAgreement : public MultiProcess {
     std::vector<std::string> events;
     eventually(
         [&] {
-          events = routeEvents(publisher_, "/agree/");
+          events = publisher_.routeEvents("/agree/");
           std::sort(events.begin(), events.end());
           return std::includes(events.begin(), events.end(), expected.begin(), expected.end());
         },
@@ -185,7 +179,6 @@ class RouteAgreement : public MultiProcess {
     EXPECT_EQ(events, expected);
   }
 
-  std::string url_;
   std::unique_ptr<Child> a_;
   std::unique_ptr<Child> b_;
 };

@@ -44,17 +44,11 @@ class MultiProcessConcurrency : public ::testing::Test {
   void SetUp() override {
     baseline_ = settledMemCount();
     stateChanges().clear();
-    serverHost_.env.trace.printf = nullptr;
-    server_ = serverHost_.create();
-    kyrConnectorCreate(kyrConnectorGroupCreate(server_, kGroup), publisher_.url().c_str());
-    ASSERT_EQ(kyrMarkAsServerProcess(server_, dir_.path().c_str(), getuid()), 0);
-    ASSERT_EQ(kyrStart(server_, -1), 0);
+    server_ = startServerProcess(serverHost_, dir_.path(), publisher_.url());
+    ASSERT_NE(server_, nullptr);
     ASSERT_TRUE(eventually([&] { return kyrGetState(server_) == STARTED; }, kStepWait));
-    clientHost_.env.trace.printf = nullptr;
-    client_ = clientHost_.create();
-    kyrConnectorGroupCreate(client_, kGroup);
-    ASSERT_EQ(kyrMarkAsClientProcess(client_, dir_.path().c_str()), 0);
-    ASSERT_EQ(kyrStart(client_, -1), 0);
+    client_ = startClientProcess(clientHost_, dir_.path());
+    ASSERT_NE(client_, nullptr);
     ASSERT_TRUE(eventually([&] { return startedReports() == 1; }, kStepWait));
     ASSERT_TRUE(routesAsTheServer());
   }

@@ -12,14 +12,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
-#include <cctype>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
 #include <functional>
 #include <mutex>
+#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -119,71 +118,6 @@ inline int closedPort() {
 }
 inline std::string closedPortUrl() { return stub::urlFor(closedPort()); }
 
-// Accepts every connection, reads and discards whatever arrives and never answers, so a request
-// sent to it stays in flight until the sender gives up or the test ends. A connection is closed
-// when its peer closes it.
-class SilentPublisher {
- public:
-  SilentPublisher() : listener_(stub::listenOn(0)), port_(stub::portOf(listener_)) {
-    thread_ = std::thread([this] { serve(); });
-  }
-  ~SilentPublisher() {
-    stop_ = true;
-    wake_.signal();
-    thread_.join();
-    close(listener_);
-  }
-  SilentPublisher(const SilentPublisher&) = delete;
-  SilentPublisher& operator=(const SilentPublisher&) = delete;
-
-  std::string url() const { return stub::urlFor(port_); }
-  int port() const { return port_; }
-  int connections() const { return accepted_; }     // accepted so far
-  int openConnections() const { return open_; }     // not yet closed by their peer
-  long bytesReceived() const { return received_; }  // discarded so far
-
- private:
-  void serve() {
-    std::vector<int> conns;
-    while (!stop_) {
-      std::vector<pollfd> fds{{wake_.fd(), POLLIN, 0}, {listener_, POLLIN, 0}};
-      for (int fd : conns) fds.push_back({fd, POLLIN, 0});
-      if (poll(fds.data(), fds.size(), stub::kPollMs) <= 0) continue;
-      if (fds[0].revents != 0) wake_.drain();
-      if (fds[1].revents & POLLIN) {
-        int fd = stub::acceptFrom(listener_);
-        if (fd >= 0) {
-          conns.push_back(fd);
-          ++accepted_;
-          ++open_;
-        }
-      }
-      for (size_t i = 2; i < fds.size(); ++i) {
-        if (fds[i].revents == 0) continue;
-        char buf[4096];
-        ssize_t n = recv(fds[i].fd, buf, sizeof buf, 0);
-        if (n > 0) {
-          received_ += n;
-          continue;
-        }
-        close(fds[i].fd);
-        std::erase(conns, fds[i].fd);
-        --open_;
-      }
-    }
-    for (int fd : conns) close(fd);
-  }
-
-  int listener_;
-  int port_;
-  stub::WakePipe wake_;
-  std::atomic<bool> stop_{false};
-  std::atomic<int> accepted_{0};
-  std::atomic<int> open_{0};
-  std::atomic<long> received_{0};
-  std::thread thread_;
-};
-
 // One HTTP request as a publisher received it.
 struct PublisherRequest {
   std::string method;
@@ -205,9 +139,11 @@ struct PublisherRequest {
 //    version) or the publisher stops.
 // It can also answer every request with an error status, refuse connections, and restart on
 // the same port. Every request is recorded. Connections are served concurrently by one thread.
+// A publisher made not to answer reads and discards whatever arrives and records nothing, so a
+// request sent to it stays in flight until the sender gives up or the test ends.
 class Publisher {
  public:
-  explicit Publisher(const std::string& document) {
+  explicit Publisher(const std::string& document, bool answers = true) : answers_(answers) {
     json_error_t error;
     json_t* doc = json_loads(document.c_str(), 0, &error);
     if (!json_is_object(doc)) {
@@ -323,6 +259,29 @@ class Publisher {
     std::lock_guard<std::mutex> guard(lock_);
     return static_cast<int>(conns_.size());
   }
+  long bytesReceived() const {
+    std::lock_guard<std::mutex> guard(lock_);
+    return received_;
+  }
+  // "add NAME" and "del NAME" for each route starting with the prefix in the route changes
+  // received, in arrival order.
+  std::vector<std::string> routeEvents(const std::string& prefix = "") const {
+    std::vector<std::string> events;
+    for (const std::string& body : routeChanges()) {
+      json_t* json = json_loads(body.c_str(), 0, nullptr);
+      for (const char* key : {"addRoutes", "delRoutes"}) {
+        size_t i;
+        json_t* name;
+        json_array_foreach(json_object_get(json, key), i, name) {
+          const char* text = json_string_value(name);
+          if (text != nullptr && std::string(text).starts_with(prefix))
+            events.push_back(std::string(key, 3) + " " + text);
+        }
+      }
+      json_decref(json);
+    }
+    return events;
+  }
 
  private:
   enum class Cmd { Refuse, Listen, Restart };
@@ -356,15 +315,9 @@ class Publisher {
   }
 
   static int64_t queryValue(const std::string& uri, const char* name, int64_t otherwise) {
-    std::string key = std::string(name) + "=";
-    size_t query = uri.find('?');
-    if (query == std::string::npos) return otherwise;
-    for (size_t at = uri.find(key, query); at != std::string::npos; at = uri.find(key, at + 1)) {
-      char before = uri[at - 1];
-      if (before == '?' || before == '&')
-        return std::strtoll(uri.c_str() + at + key.size(), nullptr, 10);
-    }
-    return otherwise;
+    std::smatch value;
+    std::regex key(std::string("[?&]") + name + "=(-?[0-9]+)");
+    return std::regex_search(uri, value, key) ? std::stoll(value[1]) : otherwise;
   }
 
   static bool isRouteChange(const std::string& body) {
@@ -381,19 +334,16 @@ class Publisher {
     size_t headEnd = c.in.find("\r\n\r\n");
     if (headEnd == std::string::npos) return false;
     std::string head = c.in.substr(0, headEnd);
-    size_t length = 0;
-    std::string lower = head;
-    std::transform(lower.begin(), lower.end(), lower.begin(),
-                   [](unsigned char ch) { return static_cast<char>(std::tolower(ch)); });
-    size_t at = lower.find("\r\ncontent-length:");
-    if (at != std::string::npos) length = std::strtoul(head.c_str() + at + 17, nullptr, 10);
-    if (c.in.size() < headEnd + 4 + length) return false;
-    size_t sp1 = head.find(' ');
-    size_t sp2 = head.find(' ', sp1 + 1);
-    request.method = head.substr(0, sp1);
-    request.uri = sp1 == std::string::npos ? "" : head.substr(sp1 + 1, sp2 - sp1 - 1);
-    request.body = c.in.substr(headEnd + 4, length);
-    c.in.erase(0, headEnd + 4 + length);
+    static const std::regex kLength("\r\ncontent-length: *([0-9]+)", std::regex::icase);
+    static const std::regex kRequestLine("^([^ ]*) ?([^ ]*)");
+    std::smatch length, line;
+    size_t bodySize = std::regex_search(head, length, kLength) ? std::stoul(length[1]) : 0;
+    if (c.in.size() < headEnd + 4 + bodySize) return false;
+    std::regex_search(head, line, kRequestLine);
+    request.method = line[1];
+    request.uri = line[2];
+    request.body = c.in.substr(headEnd + 4, bodySize);
+    c.in.erase(0, headEnd + 4 + bodySize);
     return true;
   }
 
@@ -504,7 +454,8 @@ class Publisher {
           conns_.erase(c);
           continue;
         }
-        c->in.append(buf, static_cast<size_t>(n));
+        received_ += n;
+        if (answers_) c->in.append(buf, static_cast<size_t>(n));
         serveInput(*c);
       }
       releaseHeld();
@@ -529,14 +480,22 @@ class Publisher {
   std::vector<Conn> conns_;
   int listener_ = -1;
   int accepted_ = 0;
+  long received_ = 0;
   std::vector<Cmd> commands_;
   uint64_t issued_ = 0;
   uint64_t executed_ = 0;
   bool stop_ = false;
 
+  const bool answers_;
   int port_ = 0;
   stub::WakePipe wake_;
   std::thread thread_;
+};
+
+// Keeps a request in flight: a publisher that does not answer.
+class SilentPublisher : public Publisher {
+ public:
+  SilentPublisher() : Publisher("{}", false) {}
 };
 
 }  // namespace kyrtest

@@ -1,4 +1,4 @@
-// The routing documents kept in tests/data, read whole.
+// The routing documents kept in tests/data (or another directory of test data), read whole.
 #pragma once
 
 #include <fstream>
@@ -7,8 +7,8 @@
 
 namespace kyrtest {
 
-inline std::string readTestData(const char* file) {
-  std::ifstream in(std::string(KYR_TEST_DATA_DIR) + "/" + file);
+inline std::string readTestData(const char* file, const char* dir = KYR_TEST_DATA_DIR) {
+  std::ifstream in(std::string(dir) + "/" + file);
   std::stringstream text;
   text << in.rdbuf();
   return text.str();

@@ -1076,10 +1076,7 @@ constexpr const char* kS1 = "/cell/c/node/n1/server/s1";
 constexpr const char* kS10 = "/cell/c/node/n1/server/s10";
 
 json_t* objectOf(json_t* doc, const std::string& fullName) {
-  for (const Node& n : nodesOf(doc)) {
-    if (n.fullName == fullName) return n.object;
-  }
-  return nullptr;
+  return Cell(doc).find(fullName)->object;
 }
 json_t* propsOf(json_t* doc, const std::string& fullName) {
   return json_object_get(objectOf(doc, fullName), "props");

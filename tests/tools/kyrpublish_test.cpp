@@ -75,12 +75,17 @@ int64_t versionOf(const Text& answer) {
   return json_integer_value(json_object_get(parse(answer).get(), "version"));
 }
 
-TEST(FeedTest, EachVersionBehindGetsOneDeltaStampedWithVersionAndRestVersion) {
+// The example cell as version 1 of a feed that keeps up to 100 deltas.
+class FeedTest : public ::testing::Test {
+ protected:
   Json v1 = load("cell.json");
+  Feed feed{json_deep_copy(v1.get()), 100};
+};
+
+TEST_F(FeedTest, EachVersionBehindGetsOneDeltaStampedWithVersionAndRestVersion) {
   Json v2 = maintenance(v1.get());
   Json v3 = withServer(v2.get(), "/node/n1", "/server/s1", "weight", json_integer(7));
   Json v4 = withServer(v3.get(), "/node/n1", "/server/s2", "weight", json_integer(5));
-  Feed feed(json_deep_copy(v1.get()), 100);
   for (const Json& next : {std::cref(v2), std::cref(v3), std::cref(v4)}) {
     ASSERT_TRUE(feed.replace(json_deep_copy(next.get())));
   }
@@ -93,40 +98,33 @@ TEST(FeedTest, EachVersionBehindGetsOneDeltaStampedWithVersionAndRestVersion) {
   }
 }
 
-TEST(FeedTest, EditsThatCancelOutLeaveTheVersionAlone) {
-  Json v1 = load("cell.json");
-  Feed feed(json_deep_copy(v1.get()), 100);
+TEST_F(FeedTest, EditsThatCancelOutLeaveTheVersionAlone) {
   ASSERT_TRUE(feed.replace(maintenance(v1.get()).release()));
   ASSERT_TRUE(feed.replace(json_deep_copy(v1.get())));
   EXPECT_EQ(*feed.since(1), R"({"version":3,"restVersion":2})");
   EXPECT_EQ(*feed.since(1), *feed.unchanged());
 }
 
-TEST(FeedTest, VersionsNotKeptOrNeverServedGetTheCompleteDocument) {
-  Json v1 = load("cell.json");
+TEST_F(FeedTest, VersionsNotKeptOrNeverServedGetTheCompleteDocument) {
   Json v2 = maintenance(v1.get());
-  Feed feed(json_deep_copy(v1.get()), 1);
-  ASSERT_TRUE(feed.replace(json_deep_copy(v2.get())));
-  ASSERT_TRUE(feed.replace(json_deep_copy(v1.get())));
-  EXPECT_EQ(feed.deltasKept(), 1u);
+  Feed oneKept(json_deep_copy(v1.get()), 1);
+  ASSERT_TRUE(oneKept.replace(json_deep_copy(v2.get())));
+  ASSERT_TRUE(oneKept.replace(json_deep_copy(v1.get())));
+  EXPECT_EQ(oneKept.deltasKept(), 1u);
   for (int64_t vid : {1, 7, -1}) {
-    Json answer = parse(feed.since(vid));
+    Json answer = parse(oneKept.since(vid));
     EXPECT_TRUE(json_is_false(json_object_get(answer.get(), "delta"))) << vid;
     EXPECT_EQ(json_integer_value(json_object_get(answer.get(), "version")), 3) << vid;
   }
-  expectSameRouting(afterAnswer(v2.get(), feed.since(2)).get(), v1.get());
+  expectSameRouting(afterAnswer(v2.get(), oneKept.since(2)).get(), v1.get());
 }
 
-TEST(FeedTest, ARewriteWithoutChangeKeepsTheVersion) {
-  Json v1 = load("cell.json");
-  Feed feed(json_deep_copy(v1.get()), 100);
+TEST_F(FeedTest, ARewriteWithoutChangeKeepsTheVersion) {
   EXPECT_FALSE(feed.replace(json_deep_copy(v1.get())));
   EXPECT_EQ(feed.version(), 1);
 }
 
-TEST(FeedTest, APushedDeltaIsServedAsTheNextVersionAndJoinsTheDocument) {
-  Json v1 = load("cell.json");
-  Feed feed(json_deep_copy(v1.get()), 100);
+TEST_F(FeedTest, APushedDeltaIsServedAsTheNextVersionAndJoinsTheDocument) {
   EXPECT_EQ(feed.push(load("maintenance-delta.json").release()), "");
   EXPECT_EQ(feed.version(), 2);
   EXPECT_EQ(versionOf(feed.since(1)), 2);
@@ -138,9 +136,7 @@ TEST(FeedTest, APushedDeltaIsServedAsTheNextVersionAndJoinsTheDocument) {
   expectSameRouting(afterAnswer(complete.get(), feed.since(2)).get(), v1.get());
 }
 
-TEST(FeedTest, APushThatCannotBeServedChangesNothing) {
-  Json v1 = load("cell.json");
-  Feed feed(json_deep_copy(v1.get()), 100);
+TEST_F(FeedTest, APushThatCannotBeServedChangesNothing) {
   Text before = feed.complete();
   EXPECT_NE(feed.push(json_pack("{s:b}", "delta", 0)), "");
   // A server straight under the cell passes the mirroring but not the check.
