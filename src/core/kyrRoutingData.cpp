@@ -509,7 +509,7 @@ int64_t kyrHandleJson(json_t* doc, const char* docText, KyrConnector* c) {
   }
   // Anything but an object would otherwise pass as an empty delta and hide a broken publisher.
   if (!json_is_object(doc)) {
-    if (trContextLogEnabled(kyr->trCtx, kyr->invalidJSON)) {
+    if (trEnabled(kyr->trCtx, kyr->invalidJSON)) {
       DocumentText text(doc, docText);
       trContextLog(kyr->trCtx, kyr->invalidJSON, c->URL, "document is not a JSON object",
                    text.get());
@@ -517,7 +517,7 @@ int64_t kyrHandleJson(json_t* doc, const char* docText, KyrConnector* c) {
     json_decref(doc);
     return -1;
   }
-  if (trContextLogEnabled(kyr->trCtx, kyr->jsonReceivedRec)) {
+  if (trEnabled(kyr->trCtx, kyr->jsonReceivedRec)) {
     DocumentText text(doc, docText);
     trContextDebug(kyr->trCtx, kyr->jsonReceivedRec, "%s received JSON:\n%s\n",
                    kyrGetProcessTypeName(kyr->processType), text.get());
@@ -547,7 +547,7 @@ int64_t kyrHandleJson(json_t* doc, const char* docText, KyrConnector* c) {
     if (version != c->vid) {
       if (c->json != nullptr) json_object_set_new(c->json, "version", json_integer(version));
       if (version >= 0) c->vid = version;
-      if (isDelta && trContextLogEnabled(kyr->trCtx, kyr->jsonUpdatedRec) && c->json != nullptr) {
+      if (isDelta && trEnabled(kyr->trCtx, kyr->jsonUpdatedRec) && c->json != nullptr) {
         char* text = json_dumps(c->json, 0);
         trContextDebug(kyr->trCtx, kyr->jsonUpdatedRec, "Updated JSON:\n%s\n", text);
         free(text);

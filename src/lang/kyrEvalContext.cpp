@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "runtime/kyrLibUtil.h"
+#include "trace/trWrite.h"
 
 namespace kyr {
 
@@ -95,8 +96,7 @@ void* evaluationContextPropGetValue(const EvaluationContextProp* prop) {
 }
 
 bool evaluationContextDebugEnabled(EvaluationContext* ec) {
-  if (ec->debugEnabled < 0)
-    ec->debugEnabled = trContextLogEnabled(ec->trCtx, ec->trRec_Debug) ? 1 : 0;
+  if (ec->debugEnabled < 0) ec->debugEnabled = trEnabled(ec->trCtx, ec->trRec_Debug) ? 1 : 0;
   return ec->debugEnabled == 1;
 }
 

@@ -30,7 +30,7 @@ const char* textOf(const KyrRule* rule, const char* none) {
 
 void dumpIfListed(KyrRules* rules, const char* where) {
   TrContext* ctx = controlContext(rules);
-  if (trContextLogEnabled(ctx, rules->recCtrlList)) dumpRules(where, ctx, rules);
+  if (trEnabled(ctx, rules->recCtrlList)) dumpRules(where, ctx, rules);
 }
 
 // Publishes the list as the new match order and gives up the old one. Under the lock.

@@ -109,7 +109,7 @@ URLMatch findLongestURI(const URLMatcher* m, KyrHttpContext* ctx, const char* ho
   VHostMatcher** groups = kyrPublished(m->vhtMatchersArray);
   // The groups trace on the same record and context: with tracing off (the usual case) their
   // untraced test spares two enablement checks per group on every request.
-  bool tracing = trContextLogEnabled(trCtx, m->debugReq) != 0;
+  bool tracing = trEnabled(trCtx, m->debugReq) != 0;
   if (tracing) {
     trDebug(trCtx, m->debugReq, "matchLongestURI: %s:%d//%s, vhostNum=%d\n", orNull(host), port,
             orNull(uri), groupCount(groups));

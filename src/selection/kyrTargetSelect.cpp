@@ -92,7 +92,7 @@ TargetServerApplication* affinityTarget(TargetSelector* ts, KyrHttpContext* ctx,
   }
   trLog(tr, ts->breakAffinityRec, limit.c_str());
   *broken = true;
-  if (trContextLogEnabled(tr, ts->selectRec)) {
+  if (trEnabled(tr, ts->selectRec)) {
     trContextDebug(tr, ts->selectRec,
                    "tsSelect: Breaking affinity for the request %s with ctx=%p because %s\n",
                    kyrHttpContextGetURL(ctx), static_cast<void*>(ctx), limit.c_str());
@@ -164,7 +164,7 @@ void rejectNoServer(TargetSelector* ts, KyrHttpContext* ctx) {
     kyrHttpContextSetReject(ctx, 503, "no server was found running web module");
     trDebug(tr, ts->selectRec, "tsSelect: no server was found; Error Status Code=503\n");
   }
-  if (!trContextLogEnabled(tr, ts->error503Rec)) return;
+  if (!trEnabled(tr, ts->error503Rec)) return;
   // Read afresh: a rollout wait maps the request again and replaces the context's strings.
   const char* moduleName = kyrHttpContextGetModuleName(ctx);
   json_t* dump = nullptr;
@@ -248,7 +248,7 @@ KyrTargetEndpoint* tsSelect(TargetSelector* ts, KyrHttpContext* ctx) {
   rq.moduleName = moduleName;
   rq.appName = kyrHttpContextGetApplicationName(ctx);
   rq.inbound = inbound;
-  rq.debug = trContextLogEnabled(tr, ts->selectRec);
+  rq.debug = trEnabled(tr, ts->selectRec);
   if (rq.debug) {
     trContextDebug(tr, ts->selectRec, "tsSelect: protocol=%s, appName=%s, moduleName=%s\n",
                    protocol, kyrNullText(rq.appName), moduleName);

@@ -339,7 +339,7 @@ void tsServerConnectSuccess(TargetServer* server) {
   TargetSelector* ts = server->selector;
   bool reset = kyrPublished(server->nextRetryInterval) == kInitialRetryInterval &&
                kyrPublished(server->nextRetryTime) == 0;
-  if (reset && !trContextLogEnabled(ts->trCtx, ts->controlRec)) return;
+  if (reset && !trEnabled(ts->trCtx, ts->controlRec)) return;
   KyrLockGuard guard(ts->lock, "tsServerConnectSuccess");
   initRetry(server);
 }

@@ -33,15 +33,6 @@ void emit(TrContext* ctx, TrRecord* rec, const char* format, const char* level, 
   print(&message, args);
 }
 
-// Enablement is asked a few dozen times per request on every request thread, and taking specLock
-// for each question cost a quarter of a request's time. So the question reads the pointer
-// without the lock: a swap publishes it with release order (under the lock, which still
-// serialises swaps and reference taking), and a specification that was just replaced stays
-// readable on the death row for its grace period, long past the one byte a reader looks at.
-TrSpec* currentSpec(TrContext* ctx) {
-  return std::atomic_ref<TrSpec*>(ctx->spec).load(std::memory_order_acquire);
-}
-
 }  // namespace
 
 void trContextSpecLockObtain(TrContext* ctx, const char* who) { kyrLockObtain(ctx->specLock, who); }
@@ -53,7 +44,7 @@ void trContextSpecLockRelease(TrContext* ctx) { kyrLockRelease(ctx->specLock); }
 // context and of its TrSpec are shared by every request thread. The pointers are only compared,
 // so a TrSpec swapped meanwhile is never read here.
 void trContextShareSpec(TrContext* to, TrContext* from) {
-  if (currentSpec(to) == currentSpec(from)) return;
+  if (trContextCurrentSpec(to) == trContextCurrentSpec(from)) return;
   trContextSetSpec(to, trContextGetSpec(from));
 }
 
@@ -104,16 +95,10 @@ void trContextSetSpec(TrContext* context, TrSpec* spec) {
   trSpecRefRelease(old);  // outside the lock: it may sweep the death row
 }
 
-int trContextLogEnabled(TrContext* context, TrRecord* rec) {
-  if (context == nullptr || rec == nullptr) return 0;
-  int max = kyr::trSpecGetMaxLevel(kyr::currentSpec(context), rec);
-  return max >= kyr::trRecordThreshold(rec);
-}
+int trContextLogEnabled(TrContext* context, TrRecord* rec) { return kyr::trEnabled(context, rec); }
 
 int trContextTraceEnabled(TrContext* context, TrRecord* rec, int level) {
-  if (context == nullptr || rec == nullptr) return 0;
-  int max = kyr::trSpecGetMaxLevel(kyr::currentSpec(context), rec);
-  return max >= level;
+  return kyr::trEnabledAt(context, rec, level);
 }
 
 void trContextLog(TrContext* context, TrRecord* rec, ...) {
