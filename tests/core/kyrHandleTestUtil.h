@@ -37,7 +37,6 @@ inline ::testing::AssertionResult printedOnce(const std::string& text) {
   return ::testing::AssertionFailure() << n << " captured lines read \"" << text << "\"";
 }
 
-// What a connector group's thread does when it has news: report under the control lock.
 // A group whose initial request stays in flight at a publisher that never answers, so that only
 // the test's reports move its state.
 inline KyrConnectorGroup* heldGroup(Kyr* kyr, const char* name, const SilentPublisher& publisher) {
@@ -46,6 +45,7 @@ inline KyrConnectorGroup* heldGroup(Kyr* kyr, const char* name, const SilentPubl
   return cg;
 }
 
+// What a connector group's thread does when it has news: report under the control lock.
 inline void reportGroupState(KyrConnectorGroup* cg, KyrComponentState state) {
   kyr::ControlLockGuard guard("test group report");
   kyr::kyrConnectorGroupSetState(cg, state, "test report");

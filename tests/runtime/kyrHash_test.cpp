@@ -1,5 +1,5 @@
-// KyrHashMap: the hash function, growth and chain order, put semantics, prefix cleaning and
-// iteration that survives removal.
+// KyrHashMap: growth and chain order, put semantics, prefix cleaning and iteration that
+// survives removal.
 #include "runtime/kyrHash.h"
 
 #include <gtest/gtest.h>
@@ -38,13 +38,6 @@ class HashMapTest : public ::testing::Test {
   int v2_ = 2;
 };
 
-TEST(HashCompute, TimesThirtyThreePlusByteIn32BitUnsigned) {
-  EXPECT_EQ(kyrHashCompute(""), 0);
-  EXPECT_EQ(kyrHashCompute("A@"), 65 * 33 + 64);
-  EXPECT_EQ(kyrHashCompute("zzzzzzzzzz"), -596544764);  // wrapped
-  EXPECT_EQ(kyrHashCompute("\xff"), 255);               // bytes are unsigned
-}
-
 TEST_F(HashMapTest, PutReturnsTheOldValueAndNullPutRemovesWithoutTheDestructor) {
   kyrHashMapSetDestructor(hm_, countDestroyed);
   char first[] = "k";
@@ -62,7 +55,8 @@ TEST_F(HashMapTest, PutReturnsTheOldValueAndNullPutRemovesWithoutTheDestructor) 
   EXPECT_EQ(g_destroyedCount, 0);
 }
 
-// "a" and "A@" share bucket 1 with 16 and with 32 buckets; the fillers avoid it.
+// With the hash h * 33 + byte, "a" and "A@" share bucket 1 with 16 and with 32 buckets; the
+// fillers avoid it.
 TEST_F(HashMapTest, GrowsOnAnUpdateThatFindsCountAtSixteenAndReversesSharedChains) {
   kyrHashPut(hm_, "a", &v1_);
   kyrHashPut(hm_, "A@", &v1_);

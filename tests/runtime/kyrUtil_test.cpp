@@ -65,18 +65,6 @@ TEST(Util, SplitKeepsInnerEmptyPiecesDropsTrailingOneAndFreesEverything) {
   EXPECT_EQ(kyrGetMemCount(), before);
 }
 
-TEST(Util, StrtokSkipsSeparatorRunsAndContinuesFromLast) {
-  char text[] = ",, a,b ,,c,, ";
-  char* last = nullptr;
-  Pieces tokens;
-  for (char* t = kyrStrtok(text, ", ", &last); t != nullptr; t = kyrStrtok(nullptr, ", ", &last)) {
-    tokens.emplace_back(t);
-  }
-  EXPECT_EQ(tokens, (Pieces{"a", "b", "c"}));
-  char separators[] = " ,, ";
-  EXPECT_EQ(kyrStrtok(separators, ", ", &last), nullptr);
-}
-
 TEST(Util, ReplaceStrReleasesWithThePlainReleaseSoTheCounterStaysRaised) {
   int before = kyrGetMemCount();
   char* value = nullptr;

@@ -1,6 +1,6 @@
 // Trace contexts: enablement against the current trace specification, what the three writing
-// functions hand the host's print callback, the context's reference to its trace specification,
-// the default print callback, and writers racing a thread that swaps trace specifications.
+// functions hand the host's print callback, the default print callback, and writers racing a
+// thread that swaps trace specifications.
 #include "trace/trContext.h"
 
 #include <gtest/gtest.h>
@@ -81,22 +81,6 @@ TEST_F(TrContextTest, NothingIsWrittenWithoutAContextRecordOrPrintCallback) {
   trMgrSetPrintf(mgr_.get(), nullptr);
   trContextLog(ctx_, record("http.badHost"), "x");
   EXPECT_TRUE(printed().empty());
-}
-
-TEST_F(TrContextTest, ContextHoldsOneReferenceToItsTraceSpecification) {
-  use(":ERROR");
-  kyr::trPurgeDeathRow();
-  TrSpec* spec = trSpecCreate(mgr_.get(), ":DEBUG");
-  trContextSetSpec(ctx_, spec);              // the context takes over our reference
-  EXPECT_EQ(1, kyr::trSpecDeathRowCount());  // the ":ERROR" one it held before
-  TrSpec* got = trContextGetSpec(ctx_);
-  EXPECT_EQ(spec, got);
-  EXPECT_EQ(1, trSpecRefRelease(got));  // only the context's reference is left
-  TrContext* other = trContextCreate(mgr_.get());
-  trContextSetSpec(other, trSpecCreate(mgr_.get(), ":INFO"));
-  int before = kyr::trSpecDeathRowCount();
-  trContextDelete(other);
-  EXPECT_EQ(before + 1, kyr::trSpecDeathRowCount());
 }
 
 TEST_F(TrContextTest, DefaultPrintfWritesLevelMessageIdAndTextAsOneLineOnStandardError) {
