@@ -180,12 +180,29 @@ static char *ngx_http_kyr_get_query_string(EnvHttpContext *ctx) {
   return r->args.len > 0 ? ngx_http_kyr_cstr(r, r->args.data, r->args.len) : NULL;
 }
 
-/* nginx authenticates no user on the application's behalf, and a user name the client merely
- * claims must not reach the application as an authenticated one; nor does the module forward
- * client certificates. */
-static char *ngx_http_kyr_none(EnvHttpContext *ctx) {
-  (void)ctx;
-  return NULL;
+/* The configured value of an identity directive for this request, or NULL when the location
+ * has none or it comes out empty. */
+static char *ngx_http_kyr_identity(EnvHttpContext *ctx, size_t offset) {
+  ngx_http_request_t *r = ngx_http_kyr_request(ctx);
+  ngx_http_kyr_loc_conf_t *klcf = ngx_http_get_module_loc_conf(r, ngx_http_kyr_module);
+  ngx_http_complex_value_t *cv = *(ngx_http_complex_value_t **)((u_char *)klcf + offset);
+  ngx_str_t value;
+  if (cv == NULL || ngx_http_complex_value(r, cv, &value) != NGX_OK || value.len == 0) {
+    return NULL;
+  }
+  return ngx_http_kyr_cstr(r, value.data, value.len);
+}
+
+static char *ngx_http_kyr_get_user_name(EnvHttpContext *ctx) {
+  return ngx_http_kyr_identity(ctx, offsetof(ngx_http_kyr_loc_conf_t, user));
+}
+
+static char *ngx_http_kyr_get_auth_type(EnvHttpContext *ctx) {
+  return ngx_http_kyr_identity(ctx, offsetof(ngx_http_kyr_loc_conf_t, auth_type));
+}
+
+static char *ngx_http_kyr_get_client_certificate(EnvHttpContext *ctx) {
+  return ngx_http_kyr_identity(ctx, offsetof(ngx_http_kyr_loc_conf_t, client_certificate));
 }
 
 static char *ngx_http_kyr_get_ssl_cipher_suite(EnvHttpContext *ctx) {
@@ -362,9 +379,9 @@ void ngx_http_kyr_set_callbacks(EnvCallBacks *env, TrPrintf trace) {
   env->http.request.getMethod = ngx_http_kyr_get_method;
   env->http.request.getPath = ngx_http_kyr_get_path;
   env->http.request.getQueryString = ngx_http_kyr_get_query_string;
-  env->http.request.getAuthType = ngx_http_kyr_none;
-  env->http.request.getUserName = ngx_http_kyr_none;
-  env->http.request.getClientCertificate = ngx_http_kyr_none;
+  env->http.request.getAuthType = ngx_http_kyr_get_auth_type;
+  env->http.request.getUserName = ngx_http_kyr_get_user_name;
+  env->http.request.getClientCertificate = ngx_http_kyr_get_client_certificate;
   env->http.request.getSSLCipherSuite = ngx_http_kyr_get_ssl_cipher_suite;
   env->http.request.getSSLSessionId = ngx_http_kyr_get_ssl_session_id;
   env->http.request.getHeaderValue = ngx_http_kyr_get_request_header;

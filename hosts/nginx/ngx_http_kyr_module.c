@@ -30,6 +30,13 @@ static char *ngx_http_kyr_routing_document(ngx_conf_t *cf, ngx_command_t *cmd, v
 static char *ngx_http_kyr_socket(ngx_conf_t *cf, ngx_command_t *cmd, void *conf);
 static char *ngx_http_kyr_route(ngx_conf_t *cf, ngx_command_t *cmd, void *conf);
 
+/* How the protocol of the request maps to the protocol of the server's endpoint. */
+static ngx_conf_enum_t ngx_http_kyr_ssl_map_modes[] = {
+    {ngx_string("inbound"), MapInboundToOutbound},
+    {ngx_string("offload"), SSLOffLoad},
+    {ngx_string("onload"), SSLOnLoad},
+    {ngx_null_string, 0}};
+
 static ngx_command_t ngx_http_kyr_commands[] = {
     {ngx_string("kyr_trace_catalogue"), NGX_HTTP_MAIN_CONF | NGX_CONF_TAKE1,
      ngx_http_kyr_trace_catalogue, NGX_HTTP_MAIN_CONF_OFFSET, 0, NULL},
@@ -50,6 +57,18 @@ static ngx_command_t ngx_http_kyr_commands[] = {
     {ngx_string("kyr_route"),
      NGX_HTTP_SRV_CONF | NGX_HTTP_LOC_CONF | NGX_HTTP_LIF_CONF | NGX_CONF_FLAG, ngx_http_kyr_route,
      NGX_HTTP_LOC_CONF_OFFSET, offsetof(ngx_http_kyr_loc_conf_t, route), NULL},
+    {ngx_string("kyr_user"), NGX_HTTP_SRV_CONF | NGX_HTTP_LOC_CONF | NGX_CONF_TAKE1,
+     ngx_http_set_complex_value_slot, NGX_HTTP_LOC_CONF_OFFSET,
+     offsetof(ngx_http_kyr_loc_conf_t, user), NULL},
+    {ngx_string("kyr_auth_type"), NGX_HTTP_SRV_CONF | NGX_HTTP_LOC_CONF | NGX_CONF_TAKE1,
+     ngx_http_set_complex_value_slot, NGX_HTTP_LOC_CONF_OFFSET,
+     offsetof(ngx_http_kyr_loc_conf_t, auth_type), NULL},
+    {ngx_string("kyr_client_certificate"), NGX_HTTP_SRV_CONF | NGX_HTTP_LOC_CONF | NGX_CONF_TAKE1,
+     ngx_http_set_complex_value_slot, NGX_HTTP_LOC_CONF_OFFSET,
+     offsetof(ngx_http_kyr_loc_conf_t, client_certificate), NULL},
+    {ngx_string("kyr_ssl_map_mode"), NGX_HTTP_SRV_CONF | NGX_HTTP_LOC_CONF | NGX_CONF_TAKE1,
+     ngx_conf_set_enum_slot, NGX_HTTP_LOC_CONF_OFFSET,
+     offsetof(ngx_http_kyr_loc_conf_t, ssl_map_mode), ngx_http_kyr_ssl_map_modes},
     {ngx_string("kyr_upstream"), NGX_HTTP_UPS_CONF | NGX_CONF_NOARGS, ngx_http_kyr_upstream, 0, 0,
      NULL},
     {ngx_string("kyr_status"), NGX_HTTP_LOC_CONF | NGX_CONF_NOARGS, ngx_http_kyr_status, 0, 0,
@@ -115,6 +134,10 @@ static void *ngx_http_kyr_create_loc_conf(ngx_conf_t *cf) {
   ngx_http_kyr_loc_conf_t *klcf = ngx_pcalloc(cf->pool, sizeof(ngx_http_kyr_loc_conf_t));
   if (klcf == NULL) return NULL;
   klcf->route = NGX_CONF_UNSET;
+  klcf->user = NGX_CONF_UNSET_PTR;
+  klcf->auth_type = NGX_CONF_UNSET_PTR;
+  klcf->client_certificate = NGX_CONF_UNSET_PTR;
+  klcf->ssl_map_mode = NGX_CONF_UNSET_UINT;
   return klcf;
 }
 
@@ -122,6 +145,10 @@ static char *ngx_http_kyr_merge_loc_conf(ngx_conf_t *cf, void *parent, void *chi
   ngx_http_kyr_loc_conf_t *prev = parent;
   ngx_http_kyr_loc_conf_t *conf = child;
   ngx_conf_merge_value(conf->route, prev->route, 0);
+  ngx_conf_merge_ptr_value(conf->user, prev->user, NULL);
+  ngx_conf_merge_ptr_value(conf->auth_type, prev->auth_type, NULL);
+  ngx_conf_merge_ptr_value(conf->client_certificate, prev->client_certificate, NULL);
+  ngx_conf_merge_uint_value(conf->ssl_map_mode, prev->ssl_map_mode, NGX_CONF_UNSET_UINT);
   return NGX_CONF_OK;
 }
 

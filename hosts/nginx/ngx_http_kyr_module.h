@@ -36,6 +36,13 @@ typedef struct {
 
 typedef struct {
   ngx_flag_t route;
+  /* What the application is told of the client's identity ($ZQRU, $ZQAT, $ZQCC): nginx cannot
+   * tell an authenticated user or a verified certificate from what a client merely sends, so
+   * only the configuration names them (e.g. $remote_user under auth_basic). NULL: nothing. */
+  ngx_http_complex_value_t *user;
+  ngx_http_complex_value_t *auth_type;
+  ngx_http_complex_value_t *client_certificate;
+  ngx_uint_t ssl_map_mode; /* a KyrSSLMapMode, or NGX_CONF_UNSET_UINT for the cell's */
 } ngx_http_kyr_loc_conf_t;
 
 /* One request routed by the library; lives in the request pool, whose cleanup releases kctx. */

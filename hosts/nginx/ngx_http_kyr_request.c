@@ -91,6 +91,9 @@ ngx_int_t ngx_http_kyr_route_handler(ngx_http_request_t *r) {
   cln->handler = ngx_http_kyr_release;
   cln->data = ctx;
   ngx_http_set_ctx(r, ctx, ngx_http_kyr_module);
+  if (klcf->ssl_map_mode != NGX_CONF_UNSET_UINT) {
+    kyrHttpContextSetSSLMapMode(ctx->kctx, (KyrSSLMapMode)klcf->ssl_map_mode);
+  }
 
   switch (kyrHttpContextShouldHandle(ctx->kctx)) {
     case 1:

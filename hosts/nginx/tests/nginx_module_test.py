@@ -5,8 +5,9 @@
 # bounded. Without nginx or the module a case fails and says what is missing: these tests are
 # part of the suite (make test installs nginx and builds the module), never skipped.
 # Usage: nginx_module_test.py MODULE_SO SOURCE_DIR CASE [KYRPUBLISH]
-#   CASE: routing, rules, failover, timeout, foreign_upstream, config_errors, two_workers,
+#   CASE: routing, identity, rules, failover, timeout, foreign_upstream, config_errors, two_workers,
 #         publisher, publisher_edit (needs KYRPUBLISH), bad_traffic
+import base64
 import http.client
 import json
 import os
@@ -180,7 +181,7 @@ http {
                   (text, self.log_tail()))
             time.sleep(0.1)
 
-    def start(self, ready_path="/shop/catalog", ready_count=5):
+    def start(self, ready_path="/shop/catalog", ready_count=5, headers=None):
         self.launch()
         # Ready once the routing data has reached whichever worker answers.
         deadline = time.monotonic() + 20
@@ -190,7 +191,7 @@ http {
             check(time.monotonic() < deadline, "nginx did not route within 20 s: " +
                   self.log_tail())
             try:
-                ok = ok + 1 if self.get(ready_path)[0] == 200 else 0
+                ok = ok + 1 if self.get(ready_path, headers)[0] == 200 else 0
             except OSError:
                 ok = 0
             if ok == 0:
@@ -292,6 +293,33 @@ def case_routing(cell):
     check(status == 400, "a client's own $ZQRA header got %d, not 400" % status)
     check('without "kyr_upstream"' not in cell.log_tail(500),
           "kyr_upstream's requests were taken for another upstream's")
+
+
+def case_identity(cell):
+    """The identity the configuration names reaches the application; the SSL map mode of a
+    location chooses the endpoint's protocol."""
+    htpasswd = cell.path("htpasswd")
+    with open(htpasswd, "w") as f:
+        f.write("alice:{PLAIN}secret\n")
+    cell.config(["kyr_routing_document %s;" % cell.document()], location_lines=[
+        "auth_basic kyr;", "auth_basic_user_file %s;" % htpasswd, "kyr_user $remote_user;",
+        "kyr_auth_type Basic;", "kyr_client_certificate $http_x_test_certificate;",
+        "location /shop/secure { proxy_pass http://cell; kyr_ssl_map_mode onload; }"])
+    auth = {"Authorization": "Basic " + base64.b64encode(b"alice:secret").decode()}
+    cell.start(headers=auth)
+    status, _, _ = cell.get("/shop/catalog")
+    check(status == 401, "a request without credentials got %d, not 401" % status)
+    status, hdrs, _ = cell.get("/shop/catalog", dict(auth, **{"X-Test-Certificate": "MIIBcert"}))
+    check(status == 200, "an authenticated request got %d" % status)
+    for name, value in (("ZQRU", "alice"), ("ZQAT", "Basic"), ("ZQCC", "MIIBcert")):
+        check(header(hdrs, "X-Got-" + name) == value,
+              "$%s reached the backend as %r" % (name, header(hdrs, "X-Got-" + name)))
+    _, hdrs, _ = cell.get("/shop/catalog", auth)
+    check(header(hdrs, "X-Got-ZQCC") is None, "an empty certificate value was forwarded")
+    # Under "onload" a plain request goes to the servers' https endpoints, which are closed (the
+    # failed connects then hold every server back for a while: this check comes last).
+    status, _, _ = cell.get("/shop/secure/a", auth)
+    check(status in (502, 503), "onload reached a plain endpoint: %d" % status)
 
 
 def case_rules(cell):
@@ -727,6 +755,7 @@ def case_bad_traffic(cell):
 
 CASES = {
     "routing": case_routing,
+    "identity": case_identity,
     "rules": case_rules,
     "failover": case_failover,
     "timeout": case_timeout,
