@@ -8,7 +8,8 @@
 # reports requests/s and p99 latency as the median of its rounds. A separate short check sends
 # requests with an affinity cookie to (a) and (c): the server that answers must be the cookie's.
 # Everything listens on free ports of 127.0.0.1 and is stopped when the script ends.
-# Usage: bench/nginx_load.sh [BUILD_DIR]   (env: ROUNDS=3 SECONDS_PER_RUN=10 CONNECTIONS=32)
+# Usage: bench/nginx_load.sh [BUILD_DIR]   (env: ROUNDS=3 SECONDS_PER_RUN=10 CONNECTIONS=32,
+#        PERF_DIR=DIR to profile the front nginx's workers during each run)
 set -euo pipefail
 
 src=$(cd "$(dirname "$0")/.." && pwd)
@@ -210,10 +211,20 @@ EOF
 url_a=http://127.0.0.1:$pa/shop/catalog
 url_b=http://127.0.0.1:$pb/shop/catalog
 url_c=http://127.0.0.1:$pc/shop/catalog
-# run NAME URL: one wrk run; appends "NAME requests/s p99-ms non-2xx" to $dir/results.
+# run NAME URL: one wrk run; appends "NAME requests/s p99-ms non-2xx" to $dir/results. With
+# PERF_DIR set, the front nginx's workers are profiled meanwhile (perf record -g) into
+# PERF_DIR/NAME-N.data, N counting that variant's runs.
 run() {
-  local out
+  local out perf_pid=
+  if [ -n "${PERF_DIR:-}" ]; then
+    local workers n=1
+    workers=$(pgrep -P "$(cat "$dir/front.pid")" | paste -sd,)
+    while [ -e "$PERF_DIR/$1-$n.data" ]; do n=$((n + 1)); done
+    perf record -q -g -p "$workers" -o "$PERF_DIR/$1-$n.data" -- sleep "$seconds" 2>/dev/null &
+    perf_pid=$!
+  fi
   out=$(wrk -t2 -c"$connections" -d"${seconds}s" --latency "$2")
+  if [ -n "$perf_pid" ]; then wait "$perf_pid" || true; fi
   echo "$out" >>"$dir/wrk-$1.log"
   awk -v name="$1" '
     function ms(v) { if (v ~ /us$/) return v / 1000; if (v ~ /ms$/) return v + 0;
