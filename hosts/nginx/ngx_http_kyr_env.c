@@ -244,19 +244,42 @@ static char **ngx_http_kyr_get_request_headers(EnvHttpContext *ctx, char *name) 
   return ngx_http_kyr_values(r, &r->headers_in.headers, name);
 }
 
+/* A private header the library added to the request before. The names all begin "$ZQ" and
+ * have the same length, so looking among every header by case-blind comparison compared each
+ * new one with all those added before it. */
+static ngx_table_elt_t *ngx_http_kyr_own_header(ngx_http_request_t *r, ngx_http_kyr_ctx_t *kctx,
+                                                const char *name) {
+  if (kctx == NULL || kctx->private_header_count == NGX_HTTP_KYR_PRIVATE_HEADERS_MAX) {
+    return ngx_http_kyr_find(&r->headers_in.headers, name);
+  }
+  for (ngx_uint_t i = 0; i < kctx->private_header_count; i++) {
+    if (strcmp((const char *)kctx->private_headers[i]->key.data, name) == 0) {
+      return kctx->private_headers[i];
+    }
+  }
+  return NULL;
+}
+
 /* The private headers go into the request's own headers, which the proxy forwards. A client
  * cannot have sent any of them (the route handler refuses such requests), so a NULL value,
  * "nothing to tell", finds nothing to remove; one the library set before is emptied. */
 static int ngx_http_kyr_set_request_header(EnvHttpContext *ctx, char *name, char *value) {
   ngx_http_request_t *r = ngx_http_kyr_request(ctx);
-  ngx_table_elt_t *h = ngx_http_kyr_find(&r->headers_in.headers, name);
+  ngx_http_kyr_ctx_t *kctx = ngx_http_get_module_ctx(r, ngx_http_kyr_module);
+  ngx_table_elt_t *h = ngx_http_kyr_own_header(r, kctx, name);
   if (value == NULL) {
     if (h != NULL) {
       ngx_str_set(&h->value, "");
     }
     return 0;
   }
-  if (h == NULL) h = ngx_http_kyr_push(r, &r->headers_in.headers, name);
+  if (h == NULL) {
+    h = ngx_http_kyr_push(r, &r->headers_in.headers, name);
+    if (h != NULL && kctx != NULL &&
+        kctx->private_header_count < NGX_HTTP_KYR_PRIVATE_HEADERS_MAX) {
+      kctx->private_headers[kctx->private_header_count++] = h;
+    }
+  }
   return h != NULL ? ngx_http_kyr_set_value(r, h, value) : -1;
 }
 

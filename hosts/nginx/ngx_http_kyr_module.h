@@ -45,6 +45,9 @@ typedef struct {
   ngx_uint_t ssl_map_mode; /* a KyrSSLMapMode, or NGX_CONF_UNSET_UINT for the cell's */
 } ngx_http_kyr_loc_conf_t;
 
+/* More than the library's private headers; beyond it headers are looked up among all. */
+#define NGX_HTTP_KYR_PRIVATE_HEADERS_MAX 16
+
 /* One request routed by the library; lives in the request pool, whose cleanup releases kctx. */
 typedef struct {
   ngx_http_request_t *r;
@@ -52,6 +55,10 @@ typedef struct {
   unsigned routed : 1;     /* the library chose an endpoint for the request */
   unsigned balanced : 1;   /* kyr_upstream took it over, and reports how it ends */
   unsigned forwarding : 1; /* a connection to that endpoint is being tried or used */
+  /* The private headers the library added to the request, so that setting one again finds it
+   * without comparing its name with every header of the request. */
+  ngx_table_elt_t *private_headers[NGX_HTTP_KYR_PRIVATE_HEADERS_MAX];
+  ngx_uint_t private_header_count;
 } ngx_http_kyr_ctx_t;
 
 /* The routing document is served as the only connector of this group. */
