@@ -42,7 +42,8 @@ void publishMatchOrder(KyrRules* rules) {
   if (old != nullptr) kyrRulesDispose(rules, old, free, (count + 1) * sizeof(KyrRule*));
 }
 
-// Takes every rule out of the set, under its lock; `rules` null frees them at once.
+// Frees the rules of a list taken out of `rules`, or retires them through it; with `rules` null
+// they are freed at once.
 void freeDetachedRules(KyrRules* rules, KyrList* list) {
   while (auto* rule = static_cast<KyrRule*>(kyrListRemoveHead(list))) {
     kyrRulesDispose(rules, rule, kyrRuleFreeDetached, sizeof(KyrRule));

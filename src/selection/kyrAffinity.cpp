@@ -184,7 +184,7 @@ TargetServerApplication* getAffinitySappFromSid(KyrHttpContext* ctx, VirtualClus
                                                 std::string* reason) {
   TargetSelector* ts = vc->selector;
   TrContext* tr = kyrHttpContextGetTrContext(ctx);
-  const bool debug = trEnabled(tr, ts->affinityRec);  // asked once: it takes a lock
+  const bool debug = trEnabled(tr, ts->affinityRec);  // asked once per call
   // The first piece is the session's own ID; every further piece names a server. The pieces
   // are taken where they lie rather than copied out with kyrStrSplit (same pieces: empty ones
   // between two delimiters count, a trailing delimiter adds none), which would allocate on
@@ -248,7 +248,8 @@ TargetServerApplication* getAffinityTargetServerApplication(KyrHttpContext* ctx,
                                                             const SessionIds& ids,
                                                             std::string* reason) {
   TargetSelector* ts = vc->selector;
-  HttpAffinityPolicy* policy = virtualClusterGetAffinityPolicy(vc);
+  // The selection's policy check has just computed it under this same lock.
+  HttpAffinityPolicy* policy = vc->affinityPolicy;
   const char* delimiter = ":";
   if (policy != nullptr) {
     delimiter = hapGetDelimiter(policy);

@@ -49,7 +49,7 @@ TargetServerApplication* wlorLoadBalance(VirtualCluster* vc, TargetSelector* ts,
             "503 error: no servers are running web module '%s; Error Status Code=503'\n", vc->name);
     return nullptr;
   }
-  const bool debug = trEnabled(tr, ts->balanceRec);  // asked once: it takes a lock
+  const bool debug = trEnabled(tr, ts->balanceRec);  // asked once per call
   int i = vc->loadBalanceIndex;
   if (debug) trContextDebug(tr, ts->balanceRec, "wlor: start at index %d\n", i);
   TargetServerApplication* best = nullptr;

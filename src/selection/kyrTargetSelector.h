@@ -342,7 +342,8 @@ HttpAffinityPolicy* getAffinityPolicy(TargetSelector* ts, WebModule* webModule, 
 HttpAffinityPolicy* getDefaultPolicy(TargetSelector* ts, WebModule* webModule);
 const char* getCloneIDSeparator(Cluster* cluster);
 // The server application that the request's session cookie or "jsessionid" path parameter
-// names, or null; `reason` collects why each clone ID found could not be used.
+// names, or null; `reason` collects why each clone ID found could not be used. Uses the policy
+// virtualClusterGetAffinityPolicy(vc) left in the virtual cluster under the same lock.
 TargetServerApplication* getAffinityTargetServerApplication(KyrHttpContext* ctx, VirtualCluster* vc,
                                                             const char* appName, KyrTime now,
                                                             const SessionIds& ids,
