@@ -137,6 +137,7 @@ http {
       proxy_set_header Host $http_host;
       proxy_set_header Connection "";
       add_header X-Kyr-Server $kyr_server;
+      add_header X-Worker $pid always;
       proxy_connect_timeout 2s;
       proxy_read_timeout %(read_timeout)s;
 %(location)s
@@ -148,6 +149,7 @@ http {
        "port": self.port, "listen": listen, "proxy": proxy,
        "read_timeout": read_timeout,
        "location": "\n".join("      " + line for line in location_lines)}
+        self.workers = workers
         path = self.path("nginx.conf")
         with open(path, "w") as f:
             f.write(text)
@@ -183,18 +185,25 @@ http {
 
     def start(self, ready_path="/shop/catalog", ready_count=5, headers=None):
         self.launch()
-        # Ready once the routing data has reached whichever worker answers.
+        # Ready once ready_count answers in a row were routed and every worker has routed one:
+        # with reuseport one worker can take many connections in a row while the other has
+        # not learned the cell yet.
         deadline = time.monotonic() + 20
         ok = 0
-        while ok < ready_count:
+        routed_by = set()
+        while ok < ready_count or len(routed_by) < self.workers:
             check(self.nginx.poll() is None, "nginx ended: " + self.log_tail())
-            check(time.monotonic() < deadline, "nginx did not route within 20 s: " +
-                  self.log_tail())
+            check(time.monotonic() < deadline, "nginx did not route within 20 s (workers %s "
+                  "routed): %s" % (sorted(routed_by), self.log_tail()))
             try:
-                ok = ok + 1 if self.get(ready_path, headers)[0] == 200 else 0
+                status, hdrs, _ = self.get(ready_path, headers)
             except OSError:
+                status = 0
+            if status == 200:
+                ok += 1
+                routed_by.add(header(hdrs, "X-Worker"))
+            else:
                 ok = 0
-            if ok == 0:
                 time.sleep(0.1)
 
     def get(self, path, headers=None):
@@ -536,8 +545,7 @@ def case_publisher_edit(cell):
     url = start_kyrpublish(cell, cell.kyrpublish, doc)
     cell.config(["kyr_connector_group shopfront %s;" % url,
                  "kyr_group_property shopfront waitTime 30;",
-                 "kyr_socket %s;" % cell.path("run/kyr.sock")], workers=2, listen=" reuseport",
-                location_lines=["add_header X-Worker $pid always;"])
+                 "kyr_socket %s;" % cell.path("run/kyr.sock")], workers=2, listen=" reuseport")
     cell.start(ready_count=10)
     old = "https://shop.example.com/shop/"
     new = "https://shop.example.com/shop/new/"
