@@ -24,10 +24,12 @@ struct KyrRoutingInfo {
   Cell* cell;
   RequestMapper* requestMapper;
   TargetSelector* targetSelector;
-  int refCount;  // the handle's hold plus one per request; guarded by kyr->routingInfoLock
+  // The handle's hold plus one per request; guarded by kyr->routingInfoLock. Every request
+  // changes it, so it has a cache line to itself, away from the fields requests read.
+  alignas(kCacheLineSize) int refCount;
   // The wrappers that make work classes and trace rule sets parents of rules: they live as
   // long as the version, and a trace rule set goes with its wrapper.
-  KyrList* ruleParents;
+  alignas(kCacheLineSize) KyrList* ruleParents;
   // This web server's trace rule sets ("vqTraceSpecs"), which requests holding this version
   // consult for their TrSpec. Guarded by the lock of kyr->requestTraceRules; its
   // count is also stored atomically, so that requests of a version without sets skip the lock.

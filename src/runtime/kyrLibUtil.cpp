@@ -19,7 +19,7 @@ thread_local const unsigned t_slot =
 // request, and one shared counter would move its cache line between the cores each time: each
 // thread counts in its own slot, a block freed by another thread than its allocator's leaves
 // both slots off by one, and only the sum means anything.
-struct alignas(64) CountSlot {
+struct alignas(kCacheLineSize) CountSlot {
   std::atomic<int> count{0};
 };
 CountSlot g_memCount[kThreadSlots];
@@ -32,6 +32,14 @@ void countDown() { g_memCount[t_slot].count.fetch_sub(1, std::memory_order_relax
 void* kyrMalloc(size_t size, const char* /*file*/, int /*line*/) {
   countUp();
   return calloc(1, size);
+}
+
+void* kyrMallocAligned(size_t size, size_t alignment) {
+  size = (size + alignment - 1) / alignment * alignment;
+  void* p = aligned_alloc(alignment, size);
+  if (p == nullptr) return nullptr;
+  countUp();
+  return memset(p, 0, size);
 }
 
 void kyrFree(void* p, const char* /*file*/, int /*line*/) {

@@ -13,6 +13,13 @@ namespace kyr {
 // runtime treat allocation failure as fatal everywhere except where they test for null).
 void* kyrMalloc(size_t size, const char* file = __builtin_FILE(), int line = __builtin_LINE());
 void kyrFree(void* p, const char* file = __builtin_FILE(), int line = __builtin_LINE());
+// The unit in which cores share memory. What request threads write on every request is kept
+// this far from what other threads read or write: otherwise each write takes the line from the
+// other core, and the other thread waits for it back.
+inline constexpr size_t kCacheLineSize = 64;
+// Zero-filled block at a multiple of `alignment` (a power of two), its size rounded up to that
+// multiple so that the block's last line is its own too; counted, and freed with kyrFree.
+void* kyrMallocAligned(size_t size, size_t alignment);
 char* kyrStrdup(const char* expr, const char* file = __builtin_FILE(), int line = __builtin_LINE());
 // Copy of the first n characters; always terminated.
 char* kyrStrndup(const char* expr, size_t n, const char* file = __builtin_FILE(),
@@ -28,10 +35,12 @@ inline constexpr unsigned kThreadSlots = 16;
 unsigned kyrThreadSlot();
 
 // Counted construction of C++ objects: placement-new into kyrMalloc'd memory, so objects with
-// constructors are tracked by the same counter as plain blocks.
+// constructors are tracked by the same counter as plain blocks. A type declared with a larger
+// alignment than malloc's gets it.
 template <class T, class... Args>
 T* kyrNew(Args&&... args) {
-  void* mem = kyrMalloc(sizeof(T));
+  void* mem = alignof(T) > alignof(std::max_align_t) ? kyrMallocAligned(sizeof(T), alignof(T))
+                                                     : kyrMalloc(sizeof(T));
   return mem ? new (mem) T(std::forward<Args>(args)...) : nullptr;
 }
 

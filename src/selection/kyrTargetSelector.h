@@ -18,6 +18,7 @@
 
 #include "kyrlib.h"
 #include "runtime/kyrHash.h"
+#include "runtime/kyrLibUtil.h"
 #include "runtime/kyrList.h"
 #include "runtime/kyrLock.h"
 #include "runtime/kyrTime.h"
@@ -36,10 +37,12 @@ enum MaintenanceMode { NormalMM = 0, AffinityMM = 1, BreakMM = 2 };
 // by the object's delete call); each request routed to an object adds one, and a child (server
 // application, endpoint, server) holds one on its parent (server, server, node) so that the
 // routing data may delete objects in any order. All counts are guarded by the selector lock.
+// Each object starts on a cache line of its own: two requests on two cores that count in
+// neighbouring objects would otherwise keep taking the shared line from each other.
 
 struct HealthPolicy;
 
-struct TargetNode {
+struct alignas(kCacheLineSize) TargetNode {
   char* name;
   int refcnt;
   bool maintenanceMode;  // guarded by selector->lock
@@ -52,7 +55,7 @@ struct PartitionIDData {
   char* version;
 };
 
-struct Cluster {
+struct alignas(kCacheLineSize) Cluster {
   char* name;
   int refcnt;
   // The cluster's fields are guarded by selector->lock: affinity policies are built from them
@@ -76,7 +79,7 @@ struct LinkServerToWebModuleRequest {
 enum { kHttpProtoIndex = 0, kHttpsProtoIndex = 1, kProtoCount = 2 };
 
 // One cluster member. Unless a field says otherwise it is guarded by selector->lock.
-struct TargetServer {
+struct alignas(kCacheLineSize) TargetServer {
   char* name;  // the full object name
   KyrServerType type;
   int refcnt;
@@ -118,7 +121,7 @@ struct TargetServer {
 };
 
 // One application on one server ("sapp"). Fields guarded by server->selector->lock.
-struct TargetServerApplication {
+struct alignas(kCacheLineSize) TargetServerApplication {
   char* name;  // the application name: the last segment of path
   char* path;  // the full object name
   int refcnt;
@@ -133,7 +136,7 @@ struct TargetServerApplication {
 };
 
 // One web module's view of the servers able to serve it.
-struct VirtualCluster {
+struct alignas(kCacheLineSize) VirtualCluster {
   char* name;  // module name; the key of selector->virtualClusterMap
   TargetSelector* selector;
   KyrList* sappList;                    // of TargetServerApplication, not owning
@@ -373,7 +376,7 @@ json_t* tsServerApplicationToJSON(TargetServerApplication* sapp, bool verbose);
 
 // The endpoint handed to the host (opaque in the public header). Guarded by the selector lock
 // except for reads through the public getters, which see values the routing data set.
-struct KyrTargetEndpoint {
+struct alignas(kyr::kCacheLineSize) KyrTargetEndpoint {
   char* name;
   int refcnt;
   kyr::TargetServer* server;  // the endpoint holds a reference on it
