@@ -70,6 +70,7 @@ TEST_F(TargetSelect, CookiesAndPathParametersCarryAffinityByCloneId) {
   } rows[] = {
       {"/shop/a", "0000abc:c2", "s2", false},
       {"/shop/a", "abc:c1:c2", "s2", false},  // c1 cannot serve: the next clone ID can
+      {"/shop/a", "abc::c3:", "s3", false},   // an empty clone ID counts, a trailing ':' adds none
       {"/shop/x;jsessionid=0001abc:c3", nullptr, "s3", false},
       {"/shop/x;JSESSIONID=0001abc:c2", nullptr, "s2", false},
       {"/shop/x;jsessionid=", nullptr, nullptr, false},  // names no session
