@@ -246,15 +246,20 @@ static char **ngx_http_kyr_get_request_headers(EnvHttpContext *ctx, char *name) 
 
 /* A private header the library added to the request before. The names all begin "$ZQ" and
  * have the same length, so looking among every header by case-blind comparison compared each
- * new one with all those added before it. */
+ * new one with all those added before it; among the module's own, the hash nginx keeps with
+ * each header settles almost every comparison, and the names are compared only when it is
+ * equal. */
 static ngx_table_elt_t *ngx_http_kyr_own_header(ngx_http_request_t *r, ngx_http_kyr_ctx_t *kctx,
                                                 const char *name) {
   if (kctx == NULL || kctx->private_header_count == NGX_HTTP_KYR_PRIVATE_HEADERS_MAX) {
     return ngx_http_kyr_find(&r->headers_in.headers, name);
   }
+  size_t len = strlen(name);
+  ngx_uint_t hash = ngx_hash_key_lc((u_char *)name, len);
   for (ngx_uint_t i = 0; i < kctx->private_header_count; i++) {
-    if (strcmp((const char *)kctx->private_headers[i]->key.data, name) == 0) {
-      return kctx->private_headers[i];
+    ngx_table_elt_t *h = kctx->private_headers[i];
+    if (h->hash == hash && h->key.len == len && ngx_strncmp(h->key.data, name, len) == 0) {
+      return h;
     }
   }
   return NULL;
