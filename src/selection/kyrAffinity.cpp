@@ -147,8 +147,10 @@ HttpAffinityPolicy* virtualClusterGetAffinityPolicy(VirtualCluster* vc) {
   if (vc->webModule == nullptr) return nullptr;
   // Built once and then the module's own; asking the module each time keeps the cached pointer
   // in step with a module whose policy the request mapper has dropped for rebuilding.
-  vc->affinityPolicy = getAffinityPolicy(vc->selector, vc->webModule, vc->cluster);
-  return vc->affinityPolicy;
+  HttpAffinityPolicy* policy = getAffinityPolicy(vc->selector, vc->webModule, vc->cluster);
+  // Stored only when it changed: requests on other cores read this line.
+  if (vc->affinityPolicy != policy) vc->affinityPolicy = policy;
+  return policy;
 }
 
 // ---- Session IDs ---------------------------------------------------------------------------

@@ -37,17 +37,19 @@ enum MaintenanceMode { NormalMM = 0, AffinityMM = 1, BreakMM = 2 };
 // by the object's delete call); each request routed to an object adds one, and a child (server
 // application, endpoint, server) holds one on its parent (server, server, node) so that the
 // routing data may delete objects in any order. All counts are guarded by the selector lock.
-// Each object starts on a cache line of its own: two requests on two cores that count in
-// neighbouring objects would otherwise keep taking the shared line from each other.
+// Each object starts on a cache line of its own, and what every request changes (the counts,
+// the load-balancing rotation, the response-time calculators) lies on a line after the fields
+// that requests only read: two request threads on two cores go through the same objects, and
+// each write moves the written line to the writer's core. Read-only lines stay in both.
 
 struct HealthPolicy;
 
 struct alignas(kCacheLineSize) TargetNode {
   char* name;
-  int refcnt;
   bool maintenanceMode;  // guarded by selector->lock
   TargetSelector* selector;
   KyrList* servers;  // of TargetServer, not owning; guarded by selector->lock
+  alignas(kCacheLineSize) int refcnt;
 };
 
 struct PartitionIDData {
@@ -57,7 +59,6 @@ struct PartitionIDData {
 
 struct alignas(kCacheLineSize) Cluster {
   char* name;
-  int refcnt;
   // The cluster's fields are guarded by selector->lock: affinity policies are built from them
   // on request threads.
   char* sessionAffinityCookies;  // comma separated cookie names, or null
@@ -69,6 +70,7 @@ struct alignas(kCacheLineSize) Cluster {
   PartitionIDData* partitionIDData;
   bool editionRolloutInProgress;
   int ioTimeoutRetry;  // -1: not set
+  alignas(kCacheLineSize) int refcnt;
 };
 
 struct LinkServerToWebModuleRequest {
@@ -82,7 +84,6 @@ enum { kHttpProtoIndex = 0, kHttpsProtoIndex = 1, kProtoCount = 2 };
 struct alignas(kCacheLineSize) TargetServer {
   char* name;  // the full object name
   KyrServerType type;
-  int refcnt;
   TargetNode* node;  // the server holds a reference on it
   TargetSelector* selector;
   KyrConnector* connector;  // the connector that published the server; not dereferenced here
@@ -105,7 +106,6 @@ struct alignas(kCacheLineSize) TargetServer {
   const char* reasonForNoLoadBalancing;  // static text; null: load balancing may pick it
   const char* reasonForNoAffinity;       // static text; null: affinity may pick it
   KyrList* endPoints[kProtoCount];       // of KyrTargetEndpoint: "http", "https"
-  int outstandingRequestCount;
   // The connect back-off: written under the lock with atomic stores, because a connect success
   // reads both without it to see whether there is anything to reset.
   KyrTime nextRetryInterval;
@@ -114,25 +114,27 @@ struct alignas(kCacheLineSize) TargetServer {
   KyrList* linkRequests;        // of LinkServerToWebModuleRequest, owning
   KyrList* serverApplications;  // of TargetServerApplication, not owning
   KyrList* healthPolicies;      // of HealthPolicyLink, owning
+  KyrListEle* registryEle;      // this server's element in selector->allServers
+  alignas(kCacheLineSize) int refcnt;
+  int outstandingRequestCount;
   KyrTime avgResponseTime;
   KyrAvgCalc avgResponseTimeCalc;
   KyrTimeoutCalc timeoutCalc;
-  KyrListEle* registryEle;  // this server's element in selector->allServers
 };
 
 // One application on one server ("sapp"). Fields guarded by server->selector->lock.
 struct alignas(kCacheLineSize) TargetServerApplication {
-  char* name;  // the application name: the last segment of path
-  char* path;  // the full object name
-  int refcnt;
+  char* name;            // the application name: the last segment of path
+  char* path;            // the full object name
   TargetServer* server;  // the sapp holds a reference on it
   char* state;
   const char* reasonForNoLoadBalancing;
   const char* reasonForNoAffinity;
-  bool routable;  // the publisher was last told that this route is routable
-  int outstandingRequestCount;
+  bool routable;            // the publisher was last told that this route is routable
   KyrConnector* connector;  // a reference is held while the sapp lives
   KyrListEle* registryEle;  // element in selector->allSapps
+  alignas(kCacheLineSize) int refcnt;
+  int outstandingRequestCount;
 };
 
 // One web module's view of the servers able to serve it.
@@ -141,11 +143,11 @@ struct alignas(kCacheLineSize) VirtualCluster {
   TargetSelector* selector;
   KyrList* sappList;                    // of TargetServerApplication, not owning
   TargetServerApplication** sappArray;  // null-terminated copy of sappList (plain allocation)
-  int loadBalanceIndex;
-  HttpAffinityPolicy* affinityPolicy;  // owned by the web module
-  KyrList* clusterList;                // of Cluster, not owning
-  struct Cluster* cluster;             // head of clusterList, or null
+  HttpAffinityPolicy* affinityPolicy;   // owned by the web module
+  KyrList* clusterList;                 // of Cluster, not owning
+  struct Cluster* cluster;              // head of clusterList, or null
   WebModule* webModule;
+  alignas(kCacheLineSize) int loadBalanceIndex;
 };
 
 struct TargetSelector {
@@ -378,7 +380,6 @@ json_t* tsServerApplicationToJSON(TargetServerApplication* sapp, bool verbose);
 // except for reads through the public getters, which see values the routing data set.
 struct alignas(kyr::kCacheLineSize) KyrTargetEndpoint {
   char* name;
-  int refcnt;
   kyr::TargetServer* server;  // the endpoint holds a reference on it
   char* host;
   int port;
@@ -389,4 +390,5 @@ struct alignas(kyr::kCacheLineSize) KyrTargetEndpoint {
   EnvTargetEndpoint* envTargetEndpoint;  // the host's object, null until obtained
   bool listed;                           // on server->endPoints[protoIndex]
   kyr::KyrListEle* registryEle;          // element in selector->allEndPoints
+  alignas(kyr::kCacheLineSize) int refcnt;
 };
