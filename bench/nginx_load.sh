@@ -168,6 +168,7 @@ for conf in backends front; do
 done
 haproxy -c -q -f "$dir/haproxy.cfg"
 haproxy -db -f "$dir/haproxy.cfg" >"$dir/haproxy.log" 2>&1 &
+haproxy_pid=$!
 pids+=($!)
 
 # check: every variant answers, and an affinity cookie lands on its clone in (a) and (c).
@@ -211,11 +212,28 @@ EOF
 url_a=http://127.0.0.1:$pa/shop/catalog
 url_b=http://127.0.0.1:$pb/shop/catalog
 url_c=http://127.0.0.1:$pc/shop/catalog
-# run NAME URL: one wrk run; appends "NAME requests/s p99-ms non-2xx" to $dir/results. With
-# PERF_DIR set, the front nginx's workers are profiled meanwhile (perf record -g) into
+# The CPU time (user + system, in clock ticks) the given processes have used so far.
+cpu_ticks() {
+  local pid total=0
+  for pid in "$@"; do
+    # Fields 14 and 15 of /proc/PID/stat, counted after the command name's closing parenthesis.
+    total=$((total + $(sed 's/.*) //' "/proc/$pid/stat" | awk '{ print $12 + $13 }')))
+  done
+  echo "$total"
+}
+# The processes that do the front's work for a variant: (a) and (b) share the nginx workers,
+# (c) is HAProxy.
+front_pids() {
+  if [ "$1" = haproxy ]; then echo "$haproxy_pid"; else pgrep -P "$(cat "$dir/front.pid")"; fi
+}
+
+# run NAME URL: one wrk run; appends "NAME requests/s p99-ms non-2xx front-cpu-us" to
+# $dir/results, the last being the front's CPU time per request: on a machine that wrk and the
+# backends share, it shows what each front costs even where requests/s is noisy. With PERF_DIR
+# set, the front nginx's workers are profiled meanwhile (perf record -g) into
 # PERF_DIR/NAME-N.data, N counting that variant's runs.
 run() {
-  local out perf_pid=
+  local out perf_pid='' fronts before
   if [ -n "${PERF_DIR:-}" ]; then
     local workers n=1
     workers=$(pgrep -P "$(cat "$dir/front.pid")" | paste -sd,)
@@ -223,16 +241,23 @@ run() {
     perf record -q -g -p "$workers" -o "$PERF_DIR/$1-$n.data" -- sleep "$seconds" 2>/dev/null &
     perf_pid=$!
   fi
+  fronts=$(front_pids "$1")
+  # shellcheck disable=SC2086 # one pid per word
+  before=$(cpu_ticks $fronts)
   out=$(wrk -t2 -c"$connections" -d"${seconds}s" --latency "$2")
+  # shellcheck disable=SC2086
+  local used=$(($(cpu_ticks $fronts) - before))
   if [ -n "$perf_pid" ]; then wait "$perf_pid" || true; fi
   echo "$out" >>"$dir/wrk-$1.log"
-  awk -v name="$1" '
+  awk -v name="$1" -v ticks="$used" -v hz="$(getconf CLK_TCK)" '
     function ms(v) { if (v ~ /us$/) return v / 1000; if (v ~ /ms$/) return v + 0;
                      if (v ~ /s$/) return v * 1000; return v }
     /Requests\/sec:/ { rps = $2 }
     $1 == "99%" { p99 = ms($2) }
     /Non-2xx/ { bad = $NF }
-    END { printf "%s %.0f %.3f %d\n", name, rps, p99, bad }' <<<"$out" >>"$dir/results"
+    / requests in / { n = $1 }
+    END { printf "%s %.0f %.3f %d %.2f\n", name, rps, p99, bad, n ? ticks / hz * 1e6 / n : 0 }
+  ' <<<"$out" >>"$dir/results"
 }
 
 echo "load average before: $(cut -d' ' -f1-3 /proc/loadavg); $(nproc) cores"
@@ -244,7 +269,8 @@ for round in $(seq "$rounds"); do
   run kyr "$url_a"
   run nginx "$url_b"
   run haproxy "$url_c"
-  echo "round $round: $(tail -3 "$dir/results" | awk '{ printf "%s %s req/s p99 %s ms; ", $1, $2, $3 }')"
+  echo "round $round: $(tail -3 "$dir/results" |
+    awk '{ printf "%s %s req/s p99 %s ms front %s us/req; ", $1, $2, $3, $5 }')"
 done
 echo "load average after: $(cut -d' ' -f1-3 /proc/loadavg)"
 
@@ -252,18 +278,20 @@ python3 - "$dir/results" <<'EOF'
 import statistics, sys
 runs = {}
 for line in open(sys.argv[1]):
-    name, rps, p99, bad = line.split()
-    runs.setdefault(name, []).append((float(rps), float(p99), int(bad)))
+    name, rps, p99, bad, cpu = line.split()
+    runs.setdefault(name, []).append((float(rps), float(p99), int(bad), float(cpu)))
 med = {n: (statistics.median(r[0] for r in v), statistics.median(r[1] for r in v),
-           sum(r[2] for r in v)) for n, v in runs.items()}
+           sum(r[2] for r in v), statistics.median(r[3] for r in v)) for n, v in runs.items()}
 labels = {"kyr": "(a) nginx + kyr_route", "nginx": "(b) nginx least_conn",
           "haproxy": "(c) HAProxy leastconn+cookie"}
-print("%-30s %12s %10s %8s" % ("median of rounds", "requests/s", "p99 ms", "non-2xx"))
+print("%-30s %12s %10s %8s %16s" % ("median of rounds", "requests/s", "p99 ms", "non-2xx",
+                                     "front us/request"))
 for n in ("kyr", "nginx", "haproxy"):
-    print("%-30s %12.0f %10.2f %8d" % (labels[n], *med[n]))
+    print("%-30s %12.0f %10.2f %8d %16.2f" % (labels[n], *med[n]))
 a, b, c = med["kyr"], med["nginx"], med["haproxy"]
 print("(a)/(b) requests/s %.3f (goal >= 0.95), (a)/(c) %.3f (goal > 1), "
       "p99 (a)/(b) %.3f (goal <= 1.10)" % (a[0] / b[0], a[0] / c[0], a[1] / b[1]))
+print("front CPU per request (a)/(b) %.3f" % (a[3] / b[3]))
 EOF
 if grep -E '\[(alert|emerg)\]|exited on signal' "$dir"/*-error.log; then
   echo "nginx_load: nginx reported problems (above)" >&2
