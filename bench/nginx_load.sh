@@ -236,7 +236,7 @@ run() {
   local out perf_pid='' fronts before
   if [ -n "${PERF_DIR:-}" ]; then
     local workers n=1
-    workers=$(pgrep -P "$(cat "$dir/front.pid")" | paste -sd,)
+    workers=$(front_pids nginx | paste -sd,)
     while [ -e "$PERF_DIR/$1-$n.data" ]; do n=$((n + 1)); done
     perf record -q -g -p "$workers" -o "$PERF_DIR/$1-$n.data" -- sleep "$seconds" 2>/dev/null &
     perf_pid=$!

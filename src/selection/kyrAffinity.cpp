@@ -246,12 +246,11 @@ TargetServerApplication* getAffinitySappFromSid(KyrHttpContext* ctx, VirtualClus
 // The cookies were read before the lock with the policy the module had then; when a document
 // has replaced it since, they are still used, as if the request had come a moment earlier.
 TargetServerApplication* getAffinityTargetServerApplication(KyrHttpContext* ctx, VirtualCluster* vc,
+                                                            HttpAffinityPolicy* policy,
                                                             const char* appName, KyrTime now,
                                                             const SessionIds& ids,
                                                             std::string* reason) {
   TargetSelector* ts = vc->selector;
-  // The selection's policy check has just computed it under this same lock.
-  HttpAffinityPolicy* policy = vc->affinityPolicy;
   const char* delimiter = ":";
   if (policy != nullptr) {
     delimiter = hapGetDelimiter(policy);

@@ -71,11 +71,12 @@ KyrSSLMapMode resolveSSLMapMode(KyrHttpContext* ctx, TargetSelector* ts, Virtual
 // affinity that names no usable server is traced and reported in `broken`, for the header
 // that says so, which is written once the selector lock is released.
 TargetServerApplication* affinityTarget(TargetSelector* ts, KyrHttpContext* ctx, VirtualCluster* vc,
-                                        const Request& rq, bool* broken) {
+                                        HttpAffinityPolicy* policy, const Request& rq,
+                                        bool* broken) {
   TrContext* tr = kyrHttpContextGetTrContext(ctx);
   std::string reason;
   TargetServerApplication* sapp =
-      getAffinityTargetServerApplication(ctx, vc, rq.appName, rq.now, rq.session, &reason);
+      getAffinityTargetServerApplication(ctx, vc, policy, rq.appName, rq.now, rq.session, &reason);
   if (sapp == nullptr) {
     if (!reason.empty()) {
       trLog(tr, ts->breakAffinityRec, reason.c_str());
@@ -129,7 +130,7 @@ Choice chooseTarget(TargetSelector* ts, KyrHttpContext* ctx, const Request& rq) 
   }
   int outbound = mapProtocol(rq.inbound, resolveSSLMapMode(ctx, ts, vc));
   choice.rolloutInProgress = vc->cluster->editionRolloutInProgress;
-  TargetServerApplication* sapp = affinityTarget(ts, ctx, vc, rq, &choice.affinityBroken);
+  TargetServerApplication* sapp = affinityTarget(ts, ctx, vc, policy, rq, &choice.affinityBroken);
   if (sapp == nullptr) sapp = wlorLoadBalance(vc, ts, rq.now, ctx);
   if (sapp == nullptr) return choice;
   TargetServer* server = sapp->server;

@@ -347,9 +347,10 @@ HttpAffinityPolicy* getAffinityPolicy(TargetSelector* ts, WebModule* webModule, 
 HttpAffinityPolicy* getDefaultPolicy(TargetSelector* ts, WebModule* webModule);
 const char* getCloneIDSeparator(Cluster* cluster);
 // The server application that the request's session cookie or "jsessionid" path parameter
-// names, or null; `reason` collects why each clone ID found could not be used. Uses the policy
-// virtualClusterGetAffinityPolicy(vc) left in the virtual cluster under the same lock.
+// names, or null; `reason` collects why each clone ID found could not be used. `policy` is the
+// module's, as virtualClusterGetAffinityPolicy(vc) gave it under the same lock.
 TargetServerApplication* getAffinityTargetServerApplication(KyrHttpContext* ctx, VirtualCluster* vc,
+                                                            HttpAffinityPolicy* policy,
                                                             const char* appName, KyrTime now,
                                                             const SessionIds& ids,
                                                             std::string* reason);
