@@ -98,18 +98,32 @@ TEST(HandleEndpointRefConcurrency, VersionsOnSeveralThreadsShareOneObjectPerName
   kyrtest::TestHost host;
   kyrtest::useHostEndpoints(host.env);
   Kyr* kyr = quietHandle(host);
+  constexpr int kNames = 3;
+  // What each thread held while every thread held every name: one object per name, or two
+  // versions would each talk to an endpoint object of their own.
+  EnvTargetEndpoint* held[kThreads][kNames] = {};
+  std::latch allHold(kThreads);
   onThreads([&](int t) {
     // Each thread stands for one routing version holding endpoints of the same names.
-    KyrTargetEndpoint endpoints[] = {kyrtest::endpointNamed("ep0"), kyrtest::endpointNamed("ep1"),
-                                     kyrtest::endpointNamed("ep2")};
+    KyrTargetEndpoint endpoints[kNames] = {kyrtest::endpointNamed("ep0"),
+                                           kyrtest::endpointNamed("ep1"),
+                                           kyrtest::endpointNamed("ep2")};
+    for (int k = 0; k < kNames; ++k)
+      held[t][k] = kyr::envTargetEndPointObtainRef(kyr, &endpoints[k]);
+    allHold.arrive_and_wait();
     for (int i = 0; i < 500; ++i) {
-      KyrTargetEndpoint& tep = endpoints[(t + i) % 3];
+      KyrTargetEndpoint& tep = endpoints[(t + i) % kNames];
       EnvTargetEndpoint* object = kyr::envTargetEndPointObtainRef(kyr, &tep);
       ASSERT_NE(object, nullptr);
       EXPECT_EQ(reinterpret_cast<kyrtest::HostEndpoint*>(object)->name, tep.name);
       kyr::envTargetEndPointReleaseRef(kyr, &tep);
     }
+    for (KyrTargetEndpoint& tep : endpoints) kyr::envTargetEndPointReleaseRef(kyr, &tep);
   });
+  for (int k = 0; k < kNames; ++k) {
+    ASSERT_NE(held[0][k], nullptr);
+    for (int t = 1; t < kThreads; ++t) EXPECT_EQ(held[t][k], held[0][k]) << "thread " << t;
+  }
   EXPECT_EQ(kyr->endPointRefMap->count, 0);
   kyrtest::HostEndpoints& objects = kyrtest::hostEndpoints();
   EXPECT_FALSE(objects.duplicate);
