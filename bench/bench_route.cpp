@@ -8,6 +8,8 @@
 #include <benchmark/benchmark.h>
 #include <jansson.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -167,6 +169,29 @@ int policiesOfFirstServer(Kyr* kyr) {
   return count;
 }
 
+// Two request threads write shared lines on every request (the locks, the version's count, the
+// chosen server's counts), so together they route only as fast as a cache line moves between
+// their processors. On a virtual machine that time changes while it runs, as the hypervisor
+// places its processors: here about 25 ns at times and about 165 ns at others, and two threads
+// then route about 1.5 times or less than one thread's requests. Each two-thread run therefore
+// reports the one-way time of a line passed back and forth between its threads, measured at its
+// start and at its end. Both threads must call this the same number of times.
+double lineTransferNs(benchmark::State& state) {
+  static std::atomic<long> turn{0};  // even: thread 0 passes the line, odd: thread 1
+  const long mine = state.thread_index() == 0 ? 0 : 1;
+  auto pass = [&] {
+    while ((turn.load(std::memory_order_acquire) & 1) != mine) {
+    }
+    turn.fetch_add(1, std::memory_order_acq_rel);
+  };
+  pass();  // waits, untimed, until the other thread has arrived
+  constexpr int kRoundTrips = 20000;
+  auto start = std::chrono::steady_clock::now();
+  for (int i = 0; i < kRoundTrips; ++i) pass();
+  std::chrono::duration<double, std::nano> took = std::chrono::steady_clock::now() - start;
+  return took.count() / (2 * kRoundTrips);
+}
+
 void BM_RouteRequest(benchmark::State& state, bool affinity, bool healthPolicies = false) {
   Kyr* kyr = routingKyr(healthPolicies);
   if (healthPolicies && policiesOfFirstServer(kyr) != 2) state.SkipWithError("policies not linked");
@@ -178,12 +203,22 @@ void BM_RouteRequest(benchmark::State& state, bool affinity, bool healthPolicies
   // the difference at the end is what the requests left behind; with more, another thread's
   // request in flight would blur it, so only the single-threaded run reports it.
   int before = kyr::kyrGetMemCount();
+  const bool paired = state.threads() == 2;
+  const double lineNsAtStart = paired ? lineTransferNs(state) : 0;
   size_t i = state.thread_index();
   for (auto _ : state) {
     benchmark::DoNotOptimize(routeOne(kyr, &reqs[i & 255]));
     ++i;
   }
   if (state.threads() == 1) state.counters["memGrowth"] = kyr::kyrGetMemCount() - before;
+  if (paired) {
+    const double lineNsAtEnd = lineTransferNs(state);
+    // Counters are summed over threads: only the first reports these.
+    if (state.thread_index() == 0) {
+      state.counters["lineNsStart"] = lineNsAtStart;
+      state.counters["lineNsEnd"] = lineNsAtEnd;
+    }
+  }
   state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK_CAPTURE(BM_RouteRequest, affinity, true)->Threads(1)->Threads(2)->UseRealTime();
