@@ -506,6 +506,11 @@ class Editor {
  public:
   Editor(std::mt19937& rng, int& counter) : rng_(rng), counter_(counter) {}
 
+  void changeProperty(json_t* doc, int kind) {
+    Cell cell(doc);
+    changeProperty(cell, kind);
+  }
+
   void edit(json_t* doc, int edits) {
     using Edit = void (Editor::*)(Cell&);
     static constexpr Edit kEdits[16] = {
@@ -794,15 +799,21 @@ class Editor {
 
   // One change of a property value: a new value, a value of another JSON type, or removal
   // (deleted or set to null).
-  void changeProperty(Cell& cell) {
+  void changeProperty(Cell& cell) { changeProperty(cell, -1); }
+
+  // With `kind` -1, a random change on a random object. Otherwise the change of that number
+  // (modulo the number of kinds, in a fixed order) on a random object of its type, if the cell
+  // has one: a cell has a cluster or two and dozens of URIs, and random picks alone leave some
+  // changes of the rarer types untried in a run.
+  void changeProperty(Cell& cell, int kind) {
     std::vector<Node> all = cell.nodes();
-    const Node target = any(all);
+    Node target = any(all);
     json_t* props = json_object_get(target.object, "props");
     auto set = [&](const char* name, json_t* value) { setProp(target.object, name, value); };
     auto str = [](const std::string& s) { return json_string(s.c_str()); };
     // Removing a rule's expression would tie its order with the default rule's, and ties are
     // broken by document order, which deltas do not keep.
-    if (chance(15)) {
+    if (kind < 0 && chance(15)) {
       if (json_object_size(props) == 0) return;
       std::vector<std::string> names;
       const char* key;
@@ -866,6 +877,17 @@ class Editor {
            set("expression", str("header$X-R" + next() + " = 'yes'"));
          }}},
     };
+    if (kind >= 0) {
+      std::vector<std::pair<std::string, size_t>> kinds;
+      for (const auto& [type, ofType] : changes) {
+        for (size_t i = 0; i < ofType.size(); ++i) kinds.emplace_back(type, i);
+      }
+      const auto& [type, index] = kinds[static_cast<size_t>(kind) % kinds.size()];
+      std::vector<Node> candidates = cell.ofType(type);
+      if (candidates.empty()) return;
+      target = any(candidates);
+      return changes.at(type)[index]();
+    }
     auto it = changes.find(target.type);
     if (it != changes.end()) it->second[it->second.size() == 1 ? 0 : pick(it->second.size())]();
   }
@@ -1297,6 +1319,9 @@ TEST(CellDiffProperty, DeltasBringTheLibraryToTheNewDocument) {
     editor.edit(docs.back().get(), std::uniform_int_distribution<int>(0, 3)(rng));
     for (int step = 0; step < kSteps; ++step) {
       docs.emplace_back(json_deep_copy(docs.back().get()));
+      // Each seed's first step makes the next kind of property change, so that a run makes
+      // every kind several times.
+      if (step == 0) editor.changeProperty(docs.back().get(), p);
       // Half the steps are one edit, so that many deltas change the model in place (one
       // object of a kind that rebuilds the version makes the whole delta rebuild it).
       int edits = rng() % 2 == 0 ? 1 : std::uniform_int_distribution<int>(2, 4)(rng);
