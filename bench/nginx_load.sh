@@ -10,6 +10,10 @@
 # Everything listens on free ports of 127.0.0.1 and is stopped when the script ends.
 # Usage: bench/nginx_load.sh [BUILD_DIR]   (env: ROUNDS=3 SECONDS_PER_RUN=10 CONNECTIONS=32,
 #        PERF_DIR=DIR to profile the front nginx's workers during each run)
+# With INSTRUCTIONS=N, no load rounds: the front runs as one process under callgrind, and N
+# requests on one connection to (a) and then to (b) give the front's instructions per request
+# for each, a figure that, unlike requests/s and CPU time, does not move with the machine; with
+# PERF_DIR the two profiles are kept there (callgrind_annotate reads them).
 set -euo pipefail
 
 src=$(cd "$(dirname "$0")/.." && pwd)
@@ -18,6 +22,11 @@ module=$build/hosts/nginx/ngx_http_kyr_module.so
 rounds=${ROUNDS:-3}
 seconds=${SECONDS_PER_RUN:-10}
 connections=${CONNECTIONS:-32}
+instructions=${INSTRUCTIONS:-}
+# One process under callgrind: of two workers' reuseport sockets, the connections that the
+# kernel hands to the second one would never be accepted.
+front_workers=2
+if [ -n "$instructions" ]; then front_workers=1; fi
 nginx=$(command -v nginx || echo /usr/sbin/nginx)
 for f in "$module" "$nginx" "$(command -v wrk || echo wrk)" "$(command -v haproxy || echo haproxy)"; do
   [ -e "$f" ] || { echo "nginx_load: $f is missing (make bench-nginx installs and builds it)" >&2; exit 1; }
@@ -99,7 +108,7 @@ temp_paths() {
 {
   echo "load_module $module;"
   common front
-  echo "worker_processes 2;"
+  echo "worker_processes $front_workers;"
   cat <<EOF
 http {
   access_log off;
@@ -162,8 +171,13 @@ backend cell
 EOF
 
 for conf in backends front; do
+  run_nginx=("$nginx")
+  if [ "$conf" = front ] && [ -n "$instructions" ]; then
+    run_nginx=(valgrind -q --tool=callgrind --callgrind-out-file="$dir/callgrind.out" "$nginx"
+      -g 'master_process off;')
+  fi
   "$nginx" -t -q -p "$dir" -c "$dir/$conf.conf"
-  "$nginx" -p "$dir" -c "$dir/$conf.conf" 2>>"$dir/$conf-error.log" &
+  "${run_nginx[@]}" -p "$dir" -c "$dir/$conf.conf" 2>>"$dir/$conf-error.log" &
   pids+=($!)
 done
 haproxy -c -q -f "$dir/haproxy.cfg"
@@ -172,9 +186,10 @@ haproxy_pid=$!
 pids+=($!)
 
 # check: every variant answers, and an affinity cookie lands on its clone in (a) and (c).
-python3 - "$pa" "$pb" "$pc" <<'EOF'
+python3 - "$pa" "$pb" "$pc" "${instructions:+120}" <<'EOF'
 import http.client, sys, time
 pa, pb, pc = (int(p) for p in sys.argv[1:4])
+wait = int(sys.argv[4] or 15)  # seconds to start in; longer under callgrind
 def body(port, headers={}):
     c = http.client.HTTPConnection("127.0.0.1", port, timeout=5)
     c.request("GET", "/shop/catalog", headers=headers)
@@ -182,7 +197,7 @@ def body(port, headers={}):
     text = r.read().decode().strip()
     c.close()
     return r.status, text
-deadline = time.monotonic() + 15
+deadline = time.monotonic() + wait
 for port in (pa, pb, pc):
     while True:
         try:
@@ -208,6 +223,37 @@ print("affinity: 20 requests per clone with its cookie: %s" %
 print("new sessions reach: %s" % ", ".join("%s %s" % (v, " ".join(s)) for v, s in spread.items()))
 sys.exit(1 if bad or any(len(s) != 3 for s in spread.values()) else 0)
 EOF
+
+# instructions_per_request PORT DUMP: the front's instructions (callgrind's Ir) for each of N
+# requests sent to PORT on one connection, counted from zero to the DUMP-th dump (callgrind
+# numbers them).
+instructions_per_request() {
+  local front=${pids[1]}
+  callgrind_control -z "$front" >/dev/null 2>&1
+  python3 - "$1" "$instructions" <<'EOF'
+import http.client, sys
+c = http.client.HTTPConnection("127.0.0.1", int(sys.argv[1]), timeout=60)
+for _ in range(int(sys.argv[2])):
+    c.request("GET", "/shop/catalog")
+    r = c.getresponse()
+    r.read()
+    if r.status != 200:
+        sys.exit("nginx_load: status %d from port %s" % (r.status, sys.argv[1]))
+EOF
+  callgrind_control -d "$front" >/dev/null 2>&1
+  awk -v n="$instructions" '/^(summary|totals):/ { printf "%.0f\n", $2 / n; exit }' \
+    "$dir/callgrind.out.$2"
+}
+if [ -n "$instructions" ]; then
+  echo "front instructions per request ($instructions requests each, callgrind):" \
+    "(a) nginx + kyr_route $(instructions_per_request "$pa" 1)," \
+    "(b) nginx least_conn $(instructions_per_request "$pb" 2)"
+  if [ -n "${PERF_DIR:-}" ]; then
+    cp "$dir/callgrind.out.1" "$PERF_DIR/kyr.callgrind"
+    cp "$dir/callgrind.out.2" "$PERF_DIR/nginx.callgrind"
+  fi
+  exit 0
+fi
 
 url_a=http://127.0.0.1:$pa/shop/catalog
 url_b=http://127.0.0.1:$pb/shop/catalog
