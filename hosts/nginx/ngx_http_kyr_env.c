@@ -137,8 +137,7 @@ static char *ngx_http_kyr_get_virtual_host(EnvHttpContext *ctx) {
 }
 
 /* The port the client addressed: the Host header's, else the one it connected to. */
-static int ngx_http_kyr_get_virtual_port(EnvHttpContext *ctx) {
-  ngx_http_request_t *r = ngx_http_kyr_request(ctx);
+static int ngx_http_kyr_virtual_port(ngx_http_request_t *r) {
   if (r->headers_in.host != NULL) {
     ngx_str_t *host = &r->headers_in.host->value;
     u_char *end = host->data + host->len;
@@ -153,6 +152,14 @@ static int ngx_http_kyr_get_virtual_port(EnvHttpContext *ctx) {
     }
   }
   return ngx_http_kyr_local_port(r);
+}
+
+static int ngx_http_kyr_get_virtual_port(EnvHttpContext *ctx) {
+  ngx_http_request_t *r = ngx_http_kyr_request(ctx);
+  ngx_http_kyr_ctx_t *kctx = ngx_http_get_module_ctx(r, ngx_http_kyr_module);
+  if (kctx == NULL) return ngx_http_kyr_virtual_port(r);
+  if (kctx->virtual_port == 0) kctx->virtual_port = ngx_http_kyr_virtual_port(r);
+  return kctx->virtual_port;
 }
 
 static char *ngx_http_kyr_get_protocol(EnvHttpContext *ctx) {
@@ -244,25 +251,58 @@ static char **ngx_http_kyr_get_request_headers(EnvHttpContext *ctx, char *name) 
   return ngx_http_kyr_values(r, &r->headers_in.headers, name);
 }
 
-/* A private header the library added to the request before. The names all begin "$ZQ" and
- * have the same length, so looking among every header by case-blind comparison compared each
- * new one with all those added before it; among the module's own, the hash nginx keeps with
- * each header settles almost every comparison, and the names are compared only when it is
- * equal. */
+/* One of 64 bits for a private header's name, from its last two characters: the names all
+ * begin "$ZQ" and differ at their ends. */
+static uint64_t ngx_http_kyr_name_bit(const char *name, size_t len) {
+  unsigned last = (u_char)name[len - 1], before = len > 1 ? (u_char)name[len - 2] : 0;
+  return (uint64_t)1 << ((last * 7 + before) & 63);
+}
+
+/* A private header the library added to the request before. The library sets a dozen on every
+ * request, each name once, so almost every lookup is a miss: the name's bit settles most of
+ * them, and the rest compare lengths and last characters before whole names. */
 static ngx_table_elt_t *ngx_http_kyr_own_header(ngx_http_request_t *r, ngx_http_kyr_ctx_t *kctx,
-                                                const char *name) {
+                                                const char *name, size_t len) {
   if (kctx == NULL || kctx->private_header_count == NGX_HTTP_KYR_PRIVATE_HEADERS_MAX) {
     return ngx_http_kyr_find(&r->headers_in.headers, name);
   }
-  size_t len = strlen(name);
-  ngx_uint_t hash = ngx_hash_key_lc((u_char *)name, len);
+  if ((kctx->private_header_bits & ngx_http_kyr_name_bit(name, len)) == 0) return NULL;
   for (ngx_uint_t i = 0; i < kctx->private_header_count; i++) {
     ngx_table_elt_t *h = kctx->private_headers[i];
-    if (h->hash == hash && h->key.len == len && ngx_strncmp(h->key.data, name, len) == 0) {
+    if (h->key.len == len && h->key.data[len - 1] == (u_char)name[len - 1] &&
+        ngx_strncmp(h->key.data, name, len) == 0) {
       return h;
     }
   }
   return NULL;
+}
+
+/* A new private header: its name, lower-case name and value in one block of the pool. */
+static ngx_table_elt_t *ngx_http_kyr_add_private(ngx_http_request_t *r, ngx_http_kyr_ctx_t *kctx,
+                                                 const char *name, size_t len, const char *value) {
+  size_t valueLen = strlen(value);
+  ngx_table_elt_t *h = ngx_list_push(&r->headers_in.headers);
+  if (h == NULL) return NULL;
+  u_char *block = ngx_pnalloc(r->pool, 2 * (len + 1) + valueLen + 1);
+  if (block == NULL) {
+    h->hash = 0;
+    return NULL;
+  }
+  ngx_memcpy(block, name, len + 1);
+  h->key.data = block;
+  h->key.len = len;
+  h->lowcase_key = block + len + 1;
+  /* The proxy looks request headers up by this hash and lower-case key. */
+  h->hash = ngx_hash_strlow(h->lowcase_key, block, len);
+  h->lowcase_key[len] = '\0';
+  h->value.data = block + 2 * (len + 1);
+  h->value.len = valueLen;
+  ngx_memcpy(h->value.data, value, valueLen + 1);
+  if (kctx != NULL && kctx->private_header_count < NGX_HTTP_KYR_PRIVATE_HEADERS_MAX) {
+    kctx->private_headers[kctx->private_header_count++] = h;
+    kctx->private_header_bits |= ngx_http_kyr_name_bit(name, len);
+  }
+  return h;
 }
 
 /* The private headers go into the request's own headers, which the proxy forwards. A client
@@ -271,21 +311,17 @@ static ngx_table_elt_t *ngx_http_kyr_own_header(ngx_http_request_t *r, ngx_http_
 static int ngx_http_kyr_set_request_header(EnvHttpContext *ctx, char *name, char *value) {
   ngx_http_request_t *r = ngx_http_kyr_request(ctx);
   ngx_http_kyr_ctx_t *kctx = ngx_http_get_module_ctx(r, ngx_http_kyr_module);
-  ngx_table_elt_t *h = ngx_http_kyr_own_header(r, kctx, name);
+  size_t len = strlen(name);
+  if (len == 0) return -1;
+  ngx_table_elt_t *h = ngx_http_kyr_own_header(r, kctx, name, len);
   if (value == NULL) {
     if (h != NULL) {
       ngx_str_set(&h->value, "");
     }
     return 0;
   }
-  if (h == NULL) {
-    h = ngx_http_kyr_push(r, &r->headers_in.headers, name);
-    if (h != NULL && kctx != NULL &&
-        kctx->private_header_count < NGX_HTTP_KYR_PRIVATE_HEADERS_MAX) {
-      kctx->private_headers[kctx->private_header_count++] = h;
-    }
-  }
-  return h != NULL ? ngx_http_kyr_set_value(r, h, value) : -1;
+  if (h == NULL) return ngx_http_kyr_add_private(r, kctx, name, len, value) != NULL ? 0 : -1;
+  return ngx_http_kyr_set_value(r, h, value);
 }
 
 static char *ngx_http_kyr_get_request_cookie(EnvHttpContext *ctx, char *name) {

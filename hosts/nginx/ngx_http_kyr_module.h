@@ -59,6 +59,10 @@ typedef struct {
    * without comparing its name with every header of the request. */
   ngx_table_elt_t *private_headers[NGX_HTTP_KYR_PRIVATE_HEADERS_MAX];
   ngx_uint_t private_header_count;
+  uint64_t private_header_bits; /* a bit per name among them: ngx_http_kyr_name_bit */
+  /* The port the client addressed, once the library asked for it (it asks several times per
+   * request); 0 before. */
+  int virtual_port;
 } ngx_http_kyr_ctx_t;
 
 /* The routing document is served as the only connector of this group. */
