@@ -65,21 +65,28 @@ static char **ngx_http_kyr_values(ngx_http_request_t *r, ngx_list_t *list, const
   return values;
 }
 
-static ngx_table_elt_t *ngx_http_kyr_push(ngx_http_request_t *r, ngx_list_t *list,
-                                          const char *name) {
-  size_t len = strlen(name);
+/* A new header with its value: name, lower-case name and value in one block of the pool (the
+ * library adds a dozen private headers to every request). */
+static ngx_table_elt_t *ngx_http_kyr_push(ngx_http_request_t *r, ngx_list_t *list, const char *name,
+                                          size_t len, const char *value) {
+  size_t valueLen = strlen(value);
   ngx_table_elt_t *h = ngx_list_push(list);
   if (h == NULL) return NULL;
-  h->key.len = len;
-  h->key.data = (u_char *)ngx_http_kyr_cstr(r, (const u_char *)name, len);
-  h->lowcase_key = ngx_pnalloc(r->pool, len + 1);
-  if (h->key.data == NULL || h->lowcase_key == NULL) {
+  u_char *block = ngx_pnalloc(r->pool, 2 * (len + 1) + valueLen + 1);
+  if (block == NULL) {
     h->hash = 0;
     return NULL;
   }
+  ngx_memcpy(block, name, len + 1);
+  h->key.data = block;
+  h->key.len = len;
+  h->lowcase_key = block + len + 1;
   /* The proxy looks request headers up by this hash and lower-case key. */
-  h->hash = ngx_hash_strlow(h->lowcase_key, h->key.data, len);
+  h->hash = ngx_hash_strlow(h->lowcase_key, block, len);
   h->lowcase_key[len] = '\0';
+  h->value.data = h->lowcase_key + len + 1;
+  h->value.len = valueLen;
+  ngx_memcpy(h->value.data, value, valueLen + 1);
   return h;
 }
 
@@ -277,34 +284,6 @@ static ngx_table_elt_t *ngx_http_kyr_own_header(ngx_http_request_t *r, ngx_http_
   return NULL;
 }
 
-/* A new private header: its name, lower-case name and value in one block of the pool. */
-static ngx_table_elt_t *ngx_http_kyr_add_private(ngx_http_request_t *r, ngx_http_kyr_ctx_t *kctx,
-                                                 const char *name, size_t len, const char *value) {
-  size_t valueLen = strlen(value);
-  ngx_table_elt_t *h = ngx_list_push(&r->headers_in.headers);
-  if (h == NULL) return NULL;
-  u_char *block = ngx_pnalloc(r->pool, 2 * (len + 1) + valueLen + 1);
-  if (block == NULL) {
-    h->hash = 0;
-    return NULL;
-  }
-  ngx_memcpy(block, name, len + 1);
-  h->key.data = block;
-  h->key.len = len;
-  h->lowcase_key = block + len + 1;
-  /* The proxy looks request headers up by this hash and lower-case key. */
-  h->hash = ngx_hash_strlow(h->lowcase_key, block, len);
-  h->lowcase_key[len] = '\0';
-  h->value.data = block + 2 * (len + 1);
-  h->value.len = valueLen;
-  ngx_memcpy(h->value.data, value, valueLen + 1);
-  if (kctx != NULL && kctx->private_header_count < NGX_HTTP_KYR_PRIVATE_HEADERS_MAX) {
-    kctx->private_headers[kctx->private_header_count++] = h;
-    kctx->private_header_bits |= ngx_http_kyr_name_bit(name, len);
-  }
-  return h;
-}
-
 /* The private headers go into the request's own headers, which the proxy forwards. A client
  * cannot have sent any of them (the route handler refuses such requests), so a NULL value,
  * "nothing to tell", finds nothing to remove; one the library set before is emptied. */
@@ -320,8 +299,14 @@ static int ngx_http_kyr_set_request_header(EnvHttpContext *ctx, char *name, char
     }
     return 0;
   }
-  if (h == NULL) return ngx_http_kyr_add_private(r, kctx, name, len, value) != NULL ? 0 : -1;
-  return ngx_http_kyr_set_value(r, h, value);
+  if (h != NULL) return ngx_http_kyr_set_value(r, h, value);
+  h = ngx_http_kyr_push(r, &r->headers_in.headers, name, len, value);
+  if (h == NULL) return -1;
+  if (kctx != NULL && kctx->private_header_count < NGX_HTTP_KYR_PRIVATE_HEADERS_MAX) {
+    kctx->private_headers[kctx->private_header_count++] = h;
+    kctx->private_header_bits |= ngx_http_kyr_name_bit(name, len);
+  }
+  return 0;
 }
 
 static char *ngx_http_kyr_get_request_cookie(EnvHttpContext *ctx, char *name) {
@@ -365,8 +350,8 @@ static int ngx_http_kyr_set_response_header(EnvHttpContext *ctx, char *name, cha
     return 0;
   }
   ngx_table_elt_t *h = strcasecmp(name, "Set-Cookie") == 0 ? NULL : ngx_http_kyr_find(list, name);
-  if (h == NULL) h = ngx_http_kyr_push(r, list, name);
-  return h != NULL ? ngx_http_kyr_set_value(r, h, value) : -1;
+  if (h != NULL) return ngx_http_kyr_set_value(r, h, value);
+  return ngx_http_kyr_push(r, list, name, strlen(name), value) != NULL ? 0 : -1;
 }
 
 static char *ngx_http_kyr_get_response_cookie(EnvHttpContext *ctx, char *name) {
@@ -393,8 +378,9 @@ static int ngx_http_kyr_set_response_cookie(EnvHttpContext *ctx, char *name, cha
   char *cookie = ngx_pnalloc(r->pool, len + 1);
   if (cookie == NULL) return -1;
   snprintf(cookie, len + 1, "%s=%s", name, value != NULL ? value : "");
-  ngx_table_elt_t *h = ngx_http_kyr_push(r, &r->headers_out.headers, "Set-Cookie");
-  return h != NULL ? ngx_http_kyr_set_value(r, h, cookie) : -1;
+  ngx_table_elt_t *h =
+      ngx_http_kyr_push(r, &r->headers_out.headers, "Set-Cookie", sizeof("Set-Cookie") - 1, cookie);
+  return h != NULL ? 0 : -1;
 }
 
 /* ---- Process-wide ----------------------------------------------------------------------- */

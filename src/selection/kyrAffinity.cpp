@@ -145,12 +145,9 @@ HttpAffinityPolicy* getAffinityPolicy(TargetSelector* ts, WebModule* webModule, 
 
 HttpAffinityPolicy* virtualClusterGetAffinityPolicy(VirtualCluster* vc) {
   if (vc->webModule == nullptr) return nullptr;
-  // Built once and then the module's own; asking the module each time keeps the cached pointer
-  // in step with a module whose policy the request mapper has dropped for rebuilding.
-  HttpAffinityPolicy* policy = getAffinityPolicy(vc->selector, vc->webModule, vc->cluster);
-  // Stored only when it changed: requests on other cores read this line.
-  if (vc->affinityPolicy != policy) vc->affinityPolicy = policy;
-  return policy;
+  // Built once and then kept by the module; asking the module each time follows a module whose
+  // policy the request mapper has dropped for rebuilding.
+  return getAffinityPolicy(vc->selector, vc->webModule, vc->cluster);
 }
 
 // ---- Session IDs ---------------------------------------------------------------------------

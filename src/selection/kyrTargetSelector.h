@@ -143,7 +143,6 @@ struct alignas(kCacheLineSize) VirtualCluster {
   TargetSelector* selector;
   KyrList* sappList;                    // of TargetServerApplication, not owning
   TargetServerApplication** sappArray;  // null-terminated copy of sappList (plain allocation)
-  HttpAffinityPolicy* affinityPolicy;   // owned by the web module
   KyrList* clusterList;                 // of Cluster, not owning
   struct Cluster* cluster;              // head of clusterList, or null
   WebModule* webModule;
