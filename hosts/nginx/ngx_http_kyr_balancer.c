@@ -84,7 +84,7 @@ static ngx_http_kyr_address_t *ngx_http_kyr_address(KyrTargetEndpoint *endpoint,
     return NULL;
   }
   ngx_str_t key = {ngx_strlen(name), (u_char *)name};
-  uint32_t hash = ngx_crc32_long(key.data, key.len);
+  uint32_t hash = ngx_murmur_hash2(key.data, key.len);
   ngx_http_kyr_address_t *addr =
       (ngx_http_kyr_address_t *)ngx_str_rbtree_lookup(&ngx_http_kyr_addresses, &key, hash);
   size_t hostLen = ngx_strlen(host);

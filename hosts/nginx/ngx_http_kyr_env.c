@@ -65,36 +65,54 @@ static char **ngx_http_kyr_values(ngx_http_request_t *r, ngx_list_t *list, const
   return values;
 }
 
-/* A new header with its value: name, lower-case name and value in one block of the pool (the
- * library adds a dozen private headers to every request). */
-static ngx_table_elt_t *ngx_http_kyr_push(ngx_http_request_t *r, ngx_list_t *list, const char *name,
-                                          size_t len, const char *value) {
-  size_t valueLen = strlen(value);
-  ngx_table_elt_t *h = ngx_list_push(list);
-  if (h == NULL) return NULL;
-  u_char *block = ngx_pnalloc(r->pool, 2 * (len + 1) + valueLen + 1);
-  if (block == NULL) {
-    h->hash = 0;
-    return NULL;
-  }
-  ngx_memcpy(block, name, len + 1);
-  h->key.data = block;
-  h->key.len = len;
-  h->lowcase_key = block + len + 1;
-  /* The proxy looks request headers up by this hash and lower-case key. */
-  h->hash = ngx_hash_strlow(h->lowcase_key, block, len);
-  h->lowcase_key[len] = '\0';
-  h->value.data = h->lowcase_key + len + 1;
-  h->value.len = valueLen;
-  ngx_memcpy(h->value.data, value, valueLen + 1);
-  return h;
-}
-
 static int ngx_http_kyr_set_value(ngx_http_request_t *r, ngx_table_elt_t *h, const char *value) {
   size_t len = strlen(value);
   h->value.data = (u_char *)ngx_http_kyr_cstr(r, (const u_char *)value, len);
   h->value.len = h->value.data != NULL ? len : 0;
   return h->value.data != NULL ? 0 : -1;
+}
+
+/* A header's name as nginx keeps it: the proxy looks request headers up by the lower-case name
+ * and its hash. */
+typedef struct {
+  ngx_str_t key;
+  u_char *lowcase_key;
+  ngx_uint_t hash;
+} ngx_http_kyr_name_t;
+
+/* A name that is not one of the module's own, in one block of the pool. */
+static int ngx_http_kyr_pool_name(ngx_http_request_t *r, const char *name, size_t len,
+                                  ngx_http_kyr_name_t *out) {
+  u_char *block = ngx_pnalloc(r->pool, 2 * (len + 1));
+  if (block == NULL) return -1;
+  ngx_memcpy(block, name, len + 1);
+  out->key.data = block;
+  out->key.len = len;
+  out->lowcase_key = block + len + 1;
+  out->hash = ngx_hash_strlow(out->lowcase_key, block, len);
+  out->lowcase_key[len] = '\0';
+  return 0;
+}
+
+/* A new header with a copy of the value; nginx skips an entry whose hash is 0, as the list
+ * keeps one whose value could not be copied. */
+static ngx_table_elt_t *ngx_http_kyr_push(ngx_http_request_t *r, ngx_list_t *list,
+                                          const ngx_http_kyr_name_t *name, const char *value) {
+  ngx_table_elt_t *h = ngx_list_push(list);
+  if (h == NULL) return NULL;
+  h->hash = 0;
+  h->key = name->key;
+  h->lowcase_key = name->lowcase_key;
+  if (ngx_http_kyr_set_value(r, h, value) != 0) return NULL;
+  h->hash = name->hash;
+  return h;
+}
+
+static ngx_table_elt_t *ngx_http_kyr_push_named(ngx_http_request_t *r, ngx_list_t *list,
+                                                const char *name, const char *value) {
+  ngx_http_kyr_name_t pooled;
+  if (ngx_http_kyr_pool_name(r, name, strlen(name), &pooled) != 0) return NULL;
+  return ngx_http_kyr_push(r, list, &pooled, value);
 }
 
 /* ---- Request ---------------------------------------------------------------------------- */
@@ -258,30 +276,61 @@ static char **ngx_http_kyr_get_request_headers(EnvHttpContext *ctx, char *name) 
   return ngx_http_kyr_values(r, &r->headers_in.headers, name);
 }
 
-/* One of 64 bits for a private header's name, from its last two characters: the names all
- * begin "$ZQ" and differ at their ends. */
-static uint64_t ngx_http_kyr_name_bit(const char *name, size_t len) {
-  unsigned last = (u_char)name[len - 1], before = len > 1 ? (u_char)name[len - 2] : 0;
-  return (uint64_t)1 << ((last * 7 + before) & 63);
+/* The names of the private headers, with their lower-case forms and hashes made once: the
+ * library sets a dozen of them on every request. Each has a place among 64 by its last two
+ * characters (the names begin alike), and these names take different places; a name without
+ * one of its own goes the general way. */
+#define NGX_HTTP_KYR_PRIVATE_NAMES 14
+typedef u_char ngx_http_kyr_private_text_t[sizeof("_ZQ_HAPRT_WLMVERSION")];
+static ngx_http_kyr_private_text_t ngx_http_kyr_private_texts[NGX_HTTP_KYR_PRIVATE_NAMES] = {
+    "_ZQ_HAPRT_WLMVERSION",
+    "$ZQRA",
+    "$ZQRH",
+    "$ZQSN",
+    "$ZQSP",
+    "$ZQPR",
+    "$ZQSC",
+    "$ZQIS",
+    "$ZQCC",
+    "$ZQCS",
+    "$ZQSI",
+    "$ZQAT",
+    "$ZQRU",
+    "$ZQFO"};
+static ngx_http_kyr_private_text_t ngx_http_kyr_private_lowcase[NGX_HTTP_KYR_PRIVATE_NAMES];
+static ngx_http_kyr_name_t ngx_http_kyr_private_names[NGX_HTTP_KYR_PRIVATE_NAMES];
+static int8_t ngx_http_kyr_private_places[64]; /* index + 1 of the name there; 0: none */
+
+static ngx_uint_t ngx_http_kyr_private_place(const char *name, size_t len) {
+  return ((u_char)name[len - 1] * 31u + (u_char)name[len - 2]) & 63;
 }
 
-/* A private header the library added to the request before. The library sets a dozen on every
- * request, each name once, so almost every lookup is a miss: the name's bit settles most of
- * them, and the rest compare lengths and last characters before whole names. */
-static ngx_table_elt_t *ngx_http_kyr_own_header(ngx_http_request_t *r, ngx_http_kyr_ctx_t *kctx,
-                                                const char *name, size_t len) {
-  if (kctx == NULL || kctx->private_header_count == NGX_HTTP_KYR_PRIVATE_HEADERS_MAX) {
-    return ngx_http_kyr_find(&r->headers_in.headers, name);
+static void ngx_http_kyr_private_names_init(void) {
+  ngx_memzero(ngx_http_kyr_private_places, sizeof ngx_http_kyr_private_places);
+  for (int i = 0; i < NGX_HTTP_KYR_PRIVATE_NAMES; i++) {
+    ngx_http_kyr_name_t *name = &ngx_http_kyr_private_names[i];
+    name->key.data = ngx_http_kyr_private_texts[i];
+    name->key.len = ngx_strlen(name->key.data);
+    if (name->key.len < 2) continue; /* the table is longer than its names */
+    name->lowcase_key = ngx_http_kyr_private_lowcase[i];
+    name->hash = ngx_hash_strlow(name->lowcase_key, name->key.data, name->key.len);
+    int8_t *place = &ngx_http_kyr_private_places[ngx_http_kyr_private_place(
+        (const char *)name->key.data, name->key.len)];
+    if (*place == 0) *place = (int8_t)(i + 1);
   }
-  if ((kctx->private_header_bits & ngx_http_kyr_name_bit(name, len)) == 0) return NULL;
-  for (ngx_uint_t i = 0; i < kctx->private_header_count; i++) {
-    ngx_table_elt_t *h = kctx->private_headers[i];
-    if (h->key.len == len && h->key.data[len - 1] == (u_char)name[len - 1] &&
-        ngx_strncmp(h->key.data, name, len) == 0) {
-      return h;
-    }
+}
+
+/* The name's index in the table, or -1. */
+static int ngx_http_kyr_private_index(const char *name, size_t len) {
+  if (len < 2) return -1;
+  int index = ngx_http_kyr_private_places[ngx_http_kyr_private_place(name, len)] - 1;
+  if (index < 0) return -1;
+  const ngx_str_t *key = &ngx_http_kyr_private_names[index].key;
+  if (key->len != len) return -1;
+  for (size_t i = 0; i < len; i++) { /* names of a few characters: no call */
+    if (key->data[i] != (u_char)name[i]) return -1;
   }
-  return NULL;
+  return index;
 }
 
 /* The private headers go into the request's own headers, which the proxy forwards. A client
@@ -292,7 +341,11 @@ static int ngx_http_kyr_set_request_header(EnvHttpContext *ctx, char *name, char
   ngx_http_kyr_ctx_t *kctx = ngx_http_get_module_ctx(r, ngx_http_kyr_module);
   size_t len = strlen(name);
   if (len == 0) return -1;
-  ngx_table_elt_t *h = ngx_http_kyr_own_header(r, kctx, name, len);
+  int index = kctx != NULL ? ngx_http_kyr_private_index(name, len) : -1;
+  uint16_t bit = index >= 0 ? (uint16_t)(1u << index) : 0;
+  ngx_table_elt_t *h = bit != 0 && (kctx->private_headers_added & bit) == 0
+                           ? NULL
+                           : ngx_http_kyr_find(&r->headers_in.headers, name);
   if (value == NULL) {
     if (h != NULL) {
       ngx_str_set(&h->value, "");
@@ -300,12 +353,12 @@ static int ngx_http_kyr_set_request_header(EnvHttpContext *ctx, char *name, char
     return 0;
   }
   if (h != NULL) return ngx_http_kyr_set_value(r, h, value);
-  h = ngx_http_kyr_push(r, &r->headers_in.headers, name, len, value);
-  if (h == NULL) return -1;
-  if (kctx != NULL && kctx->private_header_count < NGX_HTTP_KYR_PRIVATE_HEADERS_MAX) {
-    kctx->private_headers[kctx->private_header_count++] = h;
-    kctx->private_header_bits |= ngx_http_kyr_name_bit(name, len);
+  if (bit == 0) return ngx_http_kyr_push_named(r, &r->headers_in.headers, name, value) ? 0 : -1;
+  if (ngx_http_kyr_push(r, &r->headers_in.headers, &ngx_http_kyr_private_names[index], value) ==
+      NULL) {
+    return -1;
   }
+  kctx->private_headers_added |= bit;
   return 0;
 }
 
@@ -351,7 +404,7 @@ static int ngx_http_kyr_set_response_header(EnvHttpContext *ctx, char *name, cha
   }
   ngx_table_elt_t *h = strcasecmp(name, "Set-Cookie") == 0 ? NULL : ngx_http_kyr_find(list, name);
   if (h != NULL) return ngx_http_kyr_set_value(r, h, value);
-  return ngx_http_kyr_push(r, list, name, strlen(name), value) != NULL ? 0 : -1;
+  return ngx_http_kyr_push_named(r, list, name, value) != NULL ? 0 : -1;
 }
 
 static char *ngx_http_kyr_get_response_cookie(EnvHttpContext *ctx, char *name) {
@@ -378,9 +431,7 @@ static int ngx_http_kyr_set_response_cookie(EnvHttpContext *ctx, char *name, cha
   char *cookie = ngx_pnalloc(r->pool, len + 1);
   if (cookie == NULL) return -1;
   snprintf(cookie, len + 1, "%s=%s", name, value != NULL ? value : "");
-  ngx_table_elt_t *h =
-      ngx_http_kyr_push(r, &r->headers_out.headers, "Set-Cookie", sizeof("Set-Cookie") - 1, cookie);
-  return h != NULL ? 0 : -1;
+  return ngx_http_kyr_push_named(r, &r->headers_out.headers, "Set-Cookie", cookie) != NULL ? 0 : -1;
 }
 
 /* ---- Process-wide ----------------------------------------------------------------------- */
@@ -417,6 +468,7 @@ void ngx_http_kyr_trace_to_log(TrContext *context, va_list args) {
 }
 
 void ngx_http_kyr_set_callbacks(EnvCallBacks *env, TrPrintf trace) {
+  ngx_http_kyr_private_names_init();
   ngx_memzero(env, sizeof(EnvCallBacks));
   env->version = KYR_ENV_CALLBACKS_VERSION;
   env->http.request.getClientIpAddr = ngx_http_kyr_get_client_ip;

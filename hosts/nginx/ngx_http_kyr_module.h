@@ -45,9 +45,6 @@ typedef struct {
   ngx_uint_t ssl_map_mode; /* a KyrSSLMapMode, or NGX_CONF_UNSET_UINT for the cell's */
 } ngx_http_kyr_loc_conf_t;
 
-/* More than the library's private headers; beyond it headers are looked up among all. */
-#define NGX_HTTP_KYR_PRIVATE_HEADERS_MAX 16
-
 /* One request routed by the library; lives in the request pool, whose cleanup releases kctx. */
 typedef struct {
   ngx_http_request_t *r;
@@ -55,11 +52,9 @@ typedef struct {
   unsigned routed : 1;     /* the library chose an endpoint for the request */
   unsigned balanced : 1;   /* kyr_upstream took it over, and reports how it ends */
   unsigned forwarding : 1; /* a connection to that endpoint is being tried or used */
-  /* The private headers the library added to the request, so that setting one again finds it
-   * without comparing its name with every header of the request. */
-  ngx_table_elt_t *private_headers[NGX_HTTP_KYR_PRIVATE_HEADERS_MAX];
-  ngx_uint_t private_header_count;
-  uint64_t private_header_bits; /* a bit per name among them: ngx_http_kyr_name_bit */
+  /* The private headers the library added to the request, a bit per name by its place in the
+   * module's table: one not added yet needs no search (the library adds each once). */
+  uint16_t private_headers_added;
   /* The port the client addressed, once the library asked for it (it asks several times per
    * request); 0 before. */
   int virtual_port;
