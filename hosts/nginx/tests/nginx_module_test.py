@@ -356,8 +356,12 @@ def case_failover(cell):
     seen = [cell.backend_of("/shop/catalog") for _ in range(12)]
     check("s1" not in seen and set(seen) == {"s2", "s3"},
           "after s1 died the requests went to %s" % seen)
-    got = cell.backend_of("/shop/catalog", {"Cookie": "JSESSIONID=0001abc:c1"})
-    check(got in ("s2", "s3"), "the session of the dead s1 went to %s" % got)
+    status, hdrs, body = cell.get("/shop/catalog", {"Cookie": "JSESSIONID=0001abc:c1"})
+    check(status == 200 and body.strip() in ("s2", "s3"),
+          "the session of the dead s1 got %d from %s" % (status, body.strip()))
+    # The server that takes the session over is told, once, that its affinity was broken.
+    told = [v for k, v in hdrs if k.lower() == "x-got-zqfo"]
+    check(told == ["true"], "the new server got $ZQFO %s, not once true" % told)
     check("kyr: connect failed at endpoint 127.0.0.1:%d" % port in cell.log_tail(200),
           "no connect failure was reported to the library:\n" + cell.log_tail())
 
