@@ -34,7 +34,9 @@ static int ngx_http_kyr_has_private_header(ngx_http_request_t *r) {
   for (ngx_list_part_t *part = &r->headers_in.headers.part; part != NULL; part = part->next) {
     ngx_table_elt_t *h = part->elts;
     for (ngx_uint_t i = 0; i < part->nelts; i++) {
-      if ((h[i].key.len >= 3 && ngx_strncasecmp(h[i].key.data, (u_char *)"$zq", 3) == 0) ||
+      /* A browser sends a dozen headers, none beginning so: the first character settles it. */
+      if (h[i].key.len < 3 || (h[i].key.data[0] != '$' && h[i].key.data[0] != '_')) continue;
+      if (ngx_strncasecmp(h[i].key.data, (u_char *)"$zq", 3) == 0 ||
           (h[i].key.len >= 4 && ngx_strncasecmp(h[i].key.data, (u_char *)"_zq_", 4) == 0)) {
         return 1;
       }

@@ -298,8 +298,9 @@ def case_routing(cell):
           "the partition table version was not sent on: %r" %
           header(hdrs, "X-Got-ZQ_HAPRT_WLMVERSION"))
     # A client cannot speak for this web server.
-    status, _, _ = cell.get("/shop/catalog", {"$ZQRA": "192.0.2.1"})
-    check(status == 400, "a client's own $ZQRA header got %d, not 400" % status)
+    for name in ("$ZQRA", "$zqsp", "_ZQ_HAPRT_WLMVERSION"):
+        status, _, _ = cell.get("/shop/catalog", {name: "1"})
+        check(status == 400, "a client's own %s header got %d, not 400" % (name, status))
     check('without "kyr_upstream"' not in cell.log_tail(500),
           "kyr_upstream's requests were taken for another upstream's")
 
